@@ -1,0 +1,21 @@
+// Class and interface identifiers of the library's own family:
+// classes {00517663-0002-00nn-0001-00C0DFE64A64},
+// interfaces {00517663-0003-00nn-0001-00C0DFE64A64}.
+// Define INITGUID in one source file of a client (or link xkcombsd_identifiers)
+// to give them storage.
+#pragma once
+
+#include <guiddef.h>
+
+#define QV_DEFINE_CLSID(name, nn) \
+  DEFINE_GUID(name, 0x00517663, 0x0002, nn, 0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64)
+#define QV_DEFINE_IID(name, nn) \
+  DEFINE_GUID(name, 0x00517663, 0x0003, nn, 0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64)
+
+QV_DEFINE_CLSID(CLSID_QvEnumGUID, 0x0011);
+QV_DEFINE_CLSID(CLSID_QvEnumUnknown, 0x0012);
+QV_DEFINE_CLSID(CLSID_QvEnumString, 0x0013);
+QV_DEFINE_CLSID(CLSID_QvPropertyBag, 0x0014);
+QV_DEFINE_CLSID(CLSID_QvPropertyBag_ST, 0x0015);
+QV_DEFINE_CLSID(CLSID_QvEnumBSTR, 0x0016);
+QV_DEFINE_CLSID(CLSID_QvEnumVARIANT, 0x0017);

@@ -1,0 +1,186 @@
+// The helper templates every object of the library is built from: reference
+// count, lock guard and interface references, with their assertion texts.
+#include <gmock/gmock.h>
+#include <xkcombsd/MLLock.h>
+#include <xkcombsd/MLRelItf.h>
+#include <xkcombsd/MORefCnt.h>
+
+#include <thread>
+#include <vector>
+
+#include "DebugOutput.h"
+#include "FakeUnknown.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using xktest::AssertionReport;
+using xktest::DebugOutputCapture;
+using xktest::FakeUnknown;
+
+namespace {
+
+const AssertionReport kRefCountReport{
+    "MORefCnt", 630, "m_cRefs == CountClass::Count || (m_cRefs + 1) == CountClass::Count"};
+
+struct Events {
+  int finalReleases = 0;
+  int destructions = 0;
+  int finalReleasesSeenByDestructor = -1;
+};
+
+template <class ThreadModel>
+class Probe : public xk::MORefCnt<ThreadModel> {
+ public:
+  explicit Probe(Events* events) : m_events(events) {}
+  void Destroy() { delete this; }
+
+ protected:
+  ~Probe() override {
+    m_events->finalReleasesSeenByDestructor = m_events->finalReleases;
+    ++m_events->destructions;
+  }
+  void FinalRelease() override { ++m_events->finalReleases; }
+
+ private:
+  Events* m_events;
+};
+
+template <class ThreadModel>
+class RefCountTest : public ::testing::Test {};
+using ThreadModels = ::testing::Types<xk::MultiThreaded, xk::SingleThreaded>;
+TYPED_TEST_SUITE(RefCountTest, ThreadModels);
+
+}  // namespace
+
+TYPED_TEST(RefCountTest, CreatorHoldsTheFirstReferenceAndTheLastReleaseDestroys) {
+  DebugOutputCapture capture;
+  Events events;
+  auto* probe = new Probe<TypeParam>(&events);
+  ASSERT_NE(nullptr, probe);
+  EXPECT_EQ(GMEM_FIXED, GlobalFlags(GlobalHandle(probe)) & GMEM_MOVEABLE)
+      << "objects come from fixed global memory";
+  EXPECT_GE(GlobalSize(GlobalHandle(probe)), sizeof(Probe<TypeParam>));
+
+  EXPECT_EQ(1, probe->RefCount());
+  EXPECT_EQ(2u, probe->InternalAddRef());
+  EXPECT_EQ(1u, probe->InternalRelease());
+  EXPECT_EQ(0, events.destructions);
+  EXPECT_EQ(0u, probe->InternalRelease());
+  EXPECT_EQ(1, events.finalReleases);
+  EXPECT_EQ(1, events.finalReleasesSeenByDestructor) << "final release runs before destruction";
+  EXPECT_EQ(1, events.destructions);
+  EXPECT_THAT(capture.Assertions(), IsEmpty());
+}
+
+TYPED_TEST(RefCountTest, DestroyingAnUntouchedObjectIsFineButAStillReferencedOneIsReported) {
+  DebugOutputCapture capture;
+  Events events;
+  (new Probe<TypeParam>(&events))->Destroy();
+  EXPECT_THAT(capture.Assertions(), IsEmpty());
+
+  auto* shared = new Probe<TypeParam>(&events);
+  shared->InternalAddRef();
+  shared->Destroy();
+  EXPECT_THAT(capture.Assertions(), ElementsAre(kRefCountReport));
+  EXPECT_EQ(0, events.finalReleases) << "destruction without release skips the hook";
+}
+
+TEST(RefCount, AtomicCountSurvivesManyThreads) {
+  Events events;
+  auto* probe = new Probe<xk::MultiThreaded>(&events);
+  constexpr int kThreads = 4, kRounds = 20000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([probe] {
+      for (int i = 0; i < kRounds; ++i) {
+        probe->InternalAddRef();
+        probe->InternalRelease();
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(1, probe->RefCount());
+  EXPECT_EQ(0u, probe->InternalRelease());
+  EXPECT_EQ(1, events.destructions);
+}
+
+namespace {
+struct CountingLock {
+  int locks = 0;
+  int unlocks = 0;
+  void Lock() { ++locks; }
+  void Unlock() { ++unlocks; }
+};
+}  // namespace
+
+TEST(MLLock, LocksForItsScopeAndReportsANullLockable) {
+  DebugOutputCapture capture;
+  CountingLock lock;
+  {
+    xk::MLLock<CountingLock> guard(&lock);
+    EXPECT_EQ(1, lock.locks);
+    EXPECT_EQ(0, lock.unlocks);
+  }
+  EXPECT_EQ(1, lock.unlocks);
+
+  { xk::MLLock<CountingLock> nothing(nullptr); }
+  EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MLLock", 261, "m_pt != NULL"}));
+}
+
+TEST(MLLock, CriticalSectionLockIsReentrant) {
+  xk::CriticalSectionLock lock;
+  xk::MLLock<xk::CriticalSectionLock> outer(&lock);
+  xk::MLLock<xk::CriticalSectionLock> inner(&lock);  // would deadlock if not recursive
+  SUCCEED();
+}
+
+TEST(MLRelItf, AddRefAndReleaseReportNullAndTouchNothing) {
+  DebugOutputCapture capture;
+  FakeUnknown object;
+  xk::AddRefItf<IUnknown>(&object);
+  EXPECT_EQ(2, object.refs);
+  xk::ReleaseItf<IUnknown>(&object);
+  EXPECT_EQ(1, object.refs);
+
+  xk::AddRefItf<IUnknown>(nullptr);
+  xk::ReleaseItf<IUnknown>(nullptr);
+  EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MLRelItf", 112, "NULL != p"},
+                                                AssertionReport{"MLRelItf", 121, "NULL != p"}));
+}
+
+TEST(MLRelItf, HolderReleasesExactlyWhatItTook) {
+  DebugOutputCapture capture;
+  FakeUnknown object;
+  {
+    xk::MLRelItf<IUnknown> adding(&object, true);
+    EXPECT_EQ(2, object.refs);
+    xk::MLRelItf<IUnknown> moved(std::move(adding));
+    EXPECT_EQ(nullptr, adding.raw());
+    EXPECT_EQ(&object, moved.get());
+  }
+  EXPECT_EQ(1, object.refs);
+
+  object.AddRef();
+  {
+    xk::MLRelItf<IUnknown> adopting(&object, false);
+    EXPECT_EQ(2, object.refs);
+    IUnknown** slot = adopting.put();  // lets go of the current one first
+    EXPECT_EQ(1, object.refs);
+    EXPECT_EQ(nullptr, *slot);
+  }
+  EXPECT_EQ(1, object.refs);
+
+  object.AddRef();
+  xk::MLRelItf<IUnknown> detached(&object, false);
+  EXPECT_EQ(&object, detached.Detach());
+  EXPECT_EQ(2, object.refs) << "a detached interface is the caller's to release";
+  object.Release();
+  EXPECT_THAT(capture.Assertions(), IsEmpty());
+}
+
+TEST(MLRelItf, AccessToAnEmptyHolderIsReported) {
+  DebugOutputCapture capture;
+  xk::MLRelItf<IUnknown> empty;
+  EXPECT_EQ(nullptr, empty.get());
+  EXPECT_FALSE(empty);
+  EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MLRelItf", 676, "NULL != m_p"}));
+}
