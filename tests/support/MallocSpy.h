@@ -1,0 +1,39 @@
+// Watches the COM task allocator: every request the process makes through
+// CoTaskMemAlloc/Realloc/Free (and IMalloc) is seen, so a test can assert the
+// exact sizes asked for and that nothing it allocated is left behind.
+//
+// One spy is registered for the whole process on first use and never revoked:
+// the platform may refuse to revoke a spy (and then keeps calling it), so a
+// spy must outlive every allocation. Tests open a MallocSpy watch instead,
+// which sees what happens from its construction on.
+#pragma once
+
+#include <objbase.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace xktest {
+
+class MallocSpy {
+ public:
+  MallocSpy();  // starts watching; registers the process-wide spy if needed
+  MallocSpy(const MallocSpy&) = delete;
+  MallocSpy& operator=(const MallocSpy&) = delete;
+
+  bool Registered() const;
+  // Blocks allocated since the watch started and not yet freed.
+  long Outstanding() const;
+  // The byte counts asked for since the watch started: by Alloc, and by Realloc
+  // (the new size, including Realloc of NULL and resizes to 0), in order.
+  std::vector<SIZE_T> AllocRequests() const;
+  std::vector<SIZE_T> ReallocRequests() const;
+  // Forgets the requests seen so far (blocks still out stay counted).
+  void ClearRequests();
+
+ private:
+  std::uint64_t m_blockStart;    // first block serial this watch counts
+  std::uint64_t m_requestStart;  // first request serial this watch reports
+};
+
+}  // namespace xktest
