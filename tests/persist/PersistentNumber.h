@@ -110,7 +110,7 @@ class PersistentNumber : public IPersistStreamInit, public IPersistStream, publi
   LONG value;
 };
 
-// Creates PersistentNumbers with both persistence interfaces.
+// Creates PersistentNumbers offering the persistence interfaces chosen.
 class NumberFactory : public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
@@ -127,29 +127,31 @@ class NumberFactory : public IClassFactory {
   STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** ppv) override {
     *ppv = nullptr;
     if (outer) return CLASS_E_NOAGGREGATION;
-    auto* number = new PersistentNumber;
+    auto* number = new PersistentNumber(0, offers);
     number->DeleteOnLastRelease();
     const HRESULT hr = number->QueryInterface(iid, ppv);
     number->Release();
     return hr;
   }
   STDMETHODIMP LockServer(BOOL) override { return S_OK; }
+
+  int offers = PersistentNumber::kStream | PersistentNumber::kStreamInit;
 };
 
 // The number class, registered with the COM runtime for as long as it lives.
 class NumberClassRegistration {
  public:
   NumberClassRegistration() {
-    registered = SUCCEEDED(CoRegisterClassObject(kNumberClass, &m_factory, CLSCTX_INPROC_SERVER,
+    registered = SUCCEEDED(CoRegisterClassObject(kNumberClass, &factory, CLSCTX_INPROC_SERVER,
                                                  REGCLS_MULTIPLEUSE, &m_cookie));
   }
   ~NumberClassRegistration() {
     if (registered) CoRevokeClassObject(m_cookie);
   }
   bool registered = false;
+  NumberFactory factory;
 
  private:
-  NumberFactory m_factory;
   DWORD m_cookie = 0;
 };
 
