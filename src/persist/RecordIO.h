@@ -7,12 +7,14 @@
 namespace xk::persist {
 
 // The answer to a record that no saver of this library writes (an OLE-string
-// count that cannot hold whole characters and a terminator, a count the stream
-// cannot back): the data is invalid, whatever the stream itself reports.
+// count that cannot hold whole characters and a terminator, an OLE string that
+// does not end in its terminator, a count the stream cannot back): the data is
+// invalid, whatever the stream itself reports.
 constexpr HRESULT kInvalidRecord = static_cast<HRESULT>(0x80070000u | ERROR_INVALID_DATA);
 
 // Loaders never ask Read how many bytes it gave: a read the stream reports as a
-// success is taken as complete, and the bytes it did not supply stay zero.
+// success is taken as complete. They zero their buffers first, so bytes a short
+// read did not supply read as zero rather than as whatever memory held.
 inline HRESULT ReadRecordBytes(IStream* stream, void* buffer, ULONG count) {
   return stream->Read(buffer, count, nullptr);
 }

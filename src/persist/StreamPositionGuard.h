@@ -32,7 +32,6 @@ class StreamPositionGuard {
   // The record is complete: the stream stays where the record left it.
   void Commit() { m_state = E_ABORT; }
   bool Armed() const { return SUCCEEDED(m_state); }
-  ULONGLONG Position() const { return m_position; }
 
  private:
   MLRelItf<IStream> m_stream;  // read-only after construction

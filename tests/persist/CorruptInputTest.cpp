@@ -18,22 +18,7 @@ namespace persisttest {
 namespace {
 
 // Each checks what a loader hands out and frees it; the result is the loader's.
-HRESULT LoadBstr(IStream* stream) {
-  BSTR loaded = reinterpret_cast<BSTR>(0xDEADBEEF);
-  const HRESULT hr = BSTR_LoadFromStream(stream, &loaded);
-  if (FAILED(hr)) EXPECT_EQ(nullptr, loaded);
-  SysFreeString(loaded);
-  return hr;
-}
-
-HRESULT LoadOleString(IStream* stream) {
-  LPOLESTR loaded = reinterpret_cast<LPOLESTR>(0xDEADBEEF);
-  const HRESULT hr = OleString_LoadFromStream(stream, &loaded);
-  if (FAILED(hr)) EXPECT_EQ(nullptr, loaded);
-  CoTaskMemFree(loaded);
-  return hr;
-}
-
+// (The string loaders are LoadBstrRecord and LoadOleStringRecord.)
 HRESULT LoadVariant(IStream* stream) {
   VARIANT loaded;
   std::memset(&loaded, 0xCD, sizeof loaded);
@@ -77,24 +62,24 @@ const HRESULT kReadFault = STG_E_READFAULT;
 const ULONG kJustPastTrust = (1u << 20) + 2;
 
 const Corrupt kCorrupt[] = {
-    {"BSTR: nothing", LoadBstr, {}, S_OK, kReadFault},
-    {"BSTR: count cut short", LoadBstr, {0x08, 0x00}, S_OK, kReadFault},
-    {"BSTR: characters cut short", LoadBstr, Concat(LittleEndian32(8), {'a', 0}), S_OK, kReadFault},
-    {"BSTR: garbage count", LoadBstr, LittleEndian32(0xFFFFFFFF), kInvalidRecord, kInvalidRecord},
-    {"BSTR: count past trust", LoadBstr, Concat(LittleEndian32(kJustPastTrust), Bytes(10, 'x')),
+    {"BSTR: nothing", LoadBstrRecord, {}, S_OK, kReadFault},
+    {"BSTR: count cut short", LoadBstrRecord, {0x08, 0x00}, S_OK, kReadFault},
+    {"BSTR: characters cut short", LoadBstrRecord, Concat(LittleEndian32(8), {'a', 0}), S_OK, kReadFault},
+    {"BSTR: garbage count", LoadBstrRecord, LittleEndian32(0xFFFFFFFF), kInvalidRecord, kInvalidRecord},
+    {"BSTR: count past trust", LoadBstrRecord, Concat(LittleEndian32(kJustPastTrust), Bytes(10, 'x')),
      kInvalidRecord, kInvalidRecord},
-    {"BSTR: odd count", LoadBstr, Concat(LittleEndian32(3), {'a', 0, 0}), S_OK, S_OK},
+    {"BSTR: odd count", LoadBstrRecord, Concat(LittleEndian32(3), {'a', 0, 0}), S_OK, S_OK},
 
-    {"OLE string: nothing", LoadOleString, {}, S_OK, kReadFault},
-    {"OLE string: count 1", LoadOleString, Concat(LittleEndian32(1), {0}), kInvalidRecord,
+    {"OLE string: nothing", LoadOleStringRecord, {}, S_OK, kReadFault},
+    {"OLE string: count 1", LoadOleStringRecord, Concat(LittleEndian32(1), {0}), kInvalidRecord,
      kInvalidRecord},
-    {"OLE string: odd count", LoadOleString, Concat(LittleEndian32(7), Bytes(7, 'x')),
+    {"OLE string: odd count", LoadOleStringRecord, Concat(LittleEndian32(7), Bytes(7, 'x')),
      kInvalidRecord, kInvalidRecord},
-    {"OLE string: no terminator", LoadOleString,
+    {"OLE string: no terminator", LoadOleStringRecord,
      Concat(LittleEndian32(6), {'a', 0, 'b', 0, 'c', 0}), kInvalidRecord, kInvalidRecord},
-    {"OLE string: characters cut short", LoadOleString, Concat(LittleEndian32(8), {'a', 0}), S_OK,
+    {"OLE string: characters cut short", LoadOleStringRecord, Concat(LittleEndian32(8), {'a', 0}), S_OK,
      kReadFault},
-    {"OLE string: garbage count", LoadOleString, LittleEndian32(0x80000000), kInvalidRecord,
+    {"OLE string: garbage count", LoadOleStringRecord, LittleEndian32(0x80000000), kInvalidRecord,
      kInvalidRecord},
 
     {"VARIANT: nothing", LoadVariant, {}, S_OK, kReadFault},
@@ -164,7 +149,7 @@ TEST_F(CorruptInput, EveryLoaderAnswersACodeAndKeepsTheStreamWhereItWas) {
 TEST_F(CorruptInput, RandomGarbageNeverCrashesOrLeaks) {
   ASSERT_TRUE(registration.registered);
   const VARTYPE interesting[] = {VT_BSTR, VT_UNKNOWN, VT_DISPATCH, VT_ARRAY, VT_I4, VT_RECORD};
-  const Loader loaders[] = {LoadBstr, LoadOleString, LoadVariant, InitNumber};
+  const Loader loaders[] = {LoadBstrRecord, LoadOleStringRecord, LoadVariant, InitNumber};
   unsigned int seed = 0x5EED;
   auto next = [&seed] {
     seed = seed * 1103515245u + 12345u;

@@ -17,6 +17,31 @@ using xktest::Bytes;
 // A record that no saver of the library writes.
 constexpr HRESULT kInvalidRecord = static_cast<HRESULT>(0x8007000D);
 
+// Loads one string record, checks that a failure hands out nothing, frees what
+// a success handed out and says whether it was a string or null.
+template <class Text, class Load, class Free>
+HRESULT LoadAndFree(IStream* stream, Load load, Free free, bool* handedOut) {
+  Text loaded = reinterpret_cast<Text>(0xDEADBEEF);
+  const HRESULT hr = load(stream, &loaded);
+  if (handedOut) *handedOut = loaded != nullptr;
+  if (FAILED(hr)) {
+    EXPECT_EQ(nullptr, loaded) << "a failed load hands out nothing";
+    return hr;
+  }
+  free(loaded);
+  return hr;
+}
+
+inline HRESULT LoadBstrRecord(IStream* stream, bool* handedOut) {
+  return LoadAndFree<BSTR>(stream, BSTR_LoadFromStream, SysFreeString, handedOut);
+}
+inline HRESULT LoadBstrRecord(IStream* stream) { return LoadBstrRecord(stream, nullptr); }
+
+inline HRESULT LoadOleStringRecord(IStream* stream, bool* handedOut) {
+  return LoadAndFree<LPOLESTR>(stream, OleString_LoadFromStream, CoTaskMemFree, handedOut);
+}
+inline HRESULT LoadOleStringRecord(IStream* stream) { return LoadOleStringRecord(stream, nullptr); }
+
 class RecordTest : public ::testing::Test {
  protected:
   void SetUp() override {
