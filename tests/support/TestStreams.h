@@ -1,0 +1,189 @@
+// Streams for record tests: the platform's memory stream with helpers to fill
+// and inspect it, and FaultyStream, which wraps one and fails on demand (the Nth
+// Read, Write, Seek or Stat) or cuts reads short, so that every failure path of
+// a record function can be reached. Header-only.
+#pragma once
+
+#include <objbase.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace xktest {
+
+using Bytes = std::vector<unsigned char>;
+
+// Owns one reference.
+template <class T>
+class ComRef {
+ public:
+  ComRef() = default;
+  explicit ComRef(T* adopted) : m_p(adopted) {}
+  ~ComRef() { Reset(); }
+  ComRef(const ComRef&) = delete;
+  ComRef& operator=(const ComRef&) = delete;
+  T* get() const { return m_p; }
+  T* operator->() const { return m_p; }
+  T** put() {
+    Reset();
+    return &m_p;
+  }
+  void Reset() {
+    if (m_p) m_p->Release();
+    m_p = nullptr;
+  }
+
+ private:
+  T* m_p = nullptr;
+};
+
+// A platform memory stream holding content, positioned at its start.
+inline IStream* NewMemoryStream(const Bytes& content = {}) {
+  IStream* stream = nullptr;
+  if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &stream))) return nullptr;
+  if (!content.empty()) stream->Write(content.data(), static_cast<ULONG>(content.size()), nullptr);
+  LARGE_INTEGER start = {};
+  stream->Seek(start, STREAM_SEEK_SET, nullptr);
+  return stream;
+}
+
+inline ULONGLONG PositionOf(IStream* stream) {
+  LARGE_INTEGER zero = {};
+  ULARGE_INTEGER here = {};
+  stream->Seek(zero, STREAM_SEEK_CUR, &here);
+  return here.QuadPart;
+}
+
+inline void SeekTo(IStream* stream, ULONGLONG position) {
+  LARGE_INTEGER to;
+  to.QuadPart = static_cast<LONGLONG>(position);
+  stream->Seek(to, STREAM_SEEK_SET, nullptr);
+}
+
+// Everything a memory stream holds, whatever its position.
+inline Bytes ContentOf(IStream* stream) {
+  STATSTG stat = {};
+  HGLOBAL memory = nullptr;
+  if (FAILED(stream->Stat(&stat, STATFLAG_NONAME)) || FAILED(GetHGlobalFromStream(stream, &memory)))
+    return {};
+  const auto* data = static_cast<const unsigned char*>(GlobalLock(memory));
+  Bytes content(data, data + stat.cbSize.QuadPart);
+  GlobalUnlock(memory);
+  return content;
+}
+
+inline Bytes Slice(const Bytes& bytes, size_t from, size_t count) {
+  if (from >= bytes.size()) return {};
+  return Bytes(bytes.begin() + from, bytes.begin() + std::min(bytes.size(), from + count));
+}
+
+inline Bytes Concat(Bytes first, const Bytes& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+// The little-endian bytes of a 32-bit value, as records carry their counts.
+inline Bytes LittleEndian32(unsigned long value) {
+  return {static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
+          static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
+}
+
+class FaultyStream : public IStream {
+ public:
+  enum Op { kRead, kWrite, kSeek, kStat, kOps };
+
+  explicit FaultyStream(const Bytes& content = {}) : m_inner(NewMemoryStream(content)) {}
+  virtual ~FaultyStream() = default;
+
+  // The nth call of op from now on (1 = the next) answers failure without
+  // reaching the memory stream.
+  void FailNth(Op op, int n, HRESULT failure) {
+    m_failAt[op] = m_calls[op] + n;
+    m_failure[op] = failure;
+  }
+  // From now on every Read hands out at most maxBytes and answers reported.
+  void CutReads(ULONG maxBytes, HRESULT reported = S_OK) {
+    m_readLimit = maxBytes;
+    m_cutReadResult = reported;
+  }
+  // From now on a Read that finds fewer bytes than asked answers failure, as a
+  // stream that reports truncation does.
+  void FailShortReads(HRESULT failure) { m_shortReadFailure = failure; }
+
+  int Calls(Op op) const { return m_calls[op]; }
+  IStream* Inner() const { return m_inner.get(); }
+  ULONGLONG Position() const { return PositionOf(Inner()); }
+  Bytes Content() const { return ContentOf(Inner()); }
+  LONG References() const { return m_refs; }
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
+    if (iid == IID_IUnknown || iid == IID_ISequentialStream || iid == IID_IStream) {
+      *ppv = static_cast<IStream*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++m_refs); }
+  STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--m_refs); }
+
+  STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+    HRESULT failure;
+    if (Fails(kRead, &failure)) return failure;
+    const ULONG asked = cb;
+    const bool cut = cb > m_readLimit;
+    ULONG got = 0;
+    const HRESULT hr = m_inner->Read(pv, cut ? m_readLimit : cb, &got);
+    if (pcbRead) *pcbRead = got;
+    if (FAILED(hr)) return hr;
+    if (got < asked && FAILED(m_shortReadFailure)) return m_shortReadFailure;
+    return cut ? m_cutReadResult : hr;
+  }
+  STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
+    HRESULT failure;
+    if (Fails(kWrite, &failure)) return failure;
+    return m_inner->Write(pv, cb, pcbWritten);
+  }
+  STDMETHODIMP Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* newPosition) override {
+    HRESULT failure;
+    if (Fails(kSeek, &failure)) return failure;
+    return m_inner->Seek(move, origin, newPosition);
+  }
+  STDMETHODIMP Stat(STATSTG* stat, DWORD flags) override {
+    HRESULT failure;
+    if (Fails(kStat, &failure)) return failure;
+    return m_inner->Stat(stat, flags);
+  }
+  STDMETHODIMP SetSize(ULARGE_INTEGER size) override { return m_inner->SetSize(size); }
+  STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+    return E_NOTIMPL;
+  }
+  STDMETHODIMP Commit(DWORD) override { return S_OK; }
+  STDMETHODIMP Revert() override { return E_NOTIMPL; }
+  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP Clone(IStream** clone) override {
+    *clone = nullptr;
+    return E_NOTIMPL;
+  }
+
+ private:
+  bool Fails(Op op, HRESULT* failure) {
+    if (++m_calls[op] != m_failAt[op]) return false;
+    *failure = m_failure[op];
+    return true;
+  }
+
+  ComRef<IStream> m_inner;
+  LONG m_refs = 1;
+  int m_calls[kOps] = {};
+  int m_failAt[kOps] = {};
+  HRESULT m_failure[kOps] = {};
+  ULONG m_readLimit = ~0ul;
+  HRESULT m_cutReadResult = S_OK;
+  HRESULT m_shortReadFailure = S_OK;
+};
+
+}  // namespace xktest
