@@ -60,16 +60,6 @@ TEST(MemMove, MatchesAReferenceCopyForEveryOverlap) {
       }
 }
 
-TEST(MemCopy, CopiesForwardAndReturnsTheDestination) {
-  unsigned char to[8] = {9, 9, 9, 9, 9, 9, 9, 9};
-  const unsigned char from[5] = {1, 2, 3, 4, 5};
-  EXPECT_EQ(to + 1, xk::MemCopy(to + 1, from, 5));
-  const unsigned char expected[8] = {9, 1, 2, 3, 4, 5, 9, 9};
-  EXPECT_EQ(0, std::memcmp(expected, to, 8));
-  EXPECT_EQ(to, xk::MemCopy(to, from, 0));
-  EXPECT_EQ(9, to[0]);
-}
-
 TEST(MemCompare, GivesTheFirstDifferenceOfUnsignedBytes) {
   EXPECT_EQ(0, xk::MemCompare("abcd", "abcd", 4));
   EXPECT_EQ(0, xk::MemCompare("abcX", "abcY", 3));
