@@ -1,7 +1,9 @@
-// A client of XKComBsD, end to end: it loads the library, asks for its version
-// and shows the trace lines the library and its base library write to the
-// debugger output while it is loaded and unloaded.
+// A client of XKComBsD, end to end: it loads the library, asks for its version,
+// takes a BSTR through the string functions and back, and shows the trace lines
+// the library and its base library write to the debugger output while it is
+// loaded and unloaded.
 #include <xkcombsd/Module.h>
+#include <xkcombsd/Strings.h>
 
 #include <cstdio>
 #include <string>
@@ -18,6 +20,44 @@ void ShowTrace(const xktest::DebugOutputCapture& capture, size_t* shown) {
 template <typename Fn>
 Fn Export(HMODULE library, const char* name) {
   return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(library, name)));
+}
+
+std::string Utf8(BSTR text) {
+  if (!text) return "(none)";
+  const int length = static_cast<int>(SysStringLen(text));
+  std::string out(WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr), '\0');
+  WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], static_cast<int>(out.size()), nullptr, nullptr);
+  return out;
+}
+
+// A BSTR made from narrow text, extended with wide text, copied, compared and freed.
+void BstrRoundTrip(HMODULE library) {
+  auto create = Export<decltype(&BSTR_CreateA)>(library, "BSTR_CreateA");
+  auto append = Export<decltype(&BSTR_AppendW)>(library, "BSTR_AppendW");
+  auto dup = Export<decltype(&BSTR_Dup)>(library, "BSTR_Dup");
+  auto compare = Export<decltype(&BSTR_Cmp)>(library, "BSTR_Cmp");
+  auto destroy = Export<decltype(&BSTR_Destroy)>(library, "BSTR_Destroy");
+  auto fromError = Export<decltype(&BSTR_FromWin32Error)>(library, "BSTR_FromWin32Error");
+  if (!create || !append || !dup || !compare || !destroy || !fromError) {
+    std::printf("The BSTR functions are missing from this build\n");
+    return;
+  }
+
+  BSTR text = create("Round trip", -1);
+  text = append(text, L" through XKComBsD", -1);
+  BSTR copy = dup(text);
+  std::printf("BSTR_CreateA + BSTR_AppendW: \"%s\" (%u characters)\n", Utf8(text).c_str(),
+              SysStringLen(text));
+  std::printf("BSTR_Dup: \"%s\", BSTR_Cmp with the original: %d\n", Utf8(copy).c_str(),
+              compare(text, copy));
+  destroy(&copy);
+  destroy(&text);
+  std::printf("BSTR_Destroy: both freed, pointers now %s\n",
+              !text && !copy ? "NULL" : "still set");
+
+  BSTR message = fromError(ERROR_FILE_NOT_FOUND);
+  std::printf("BSTR_FromWin32Error(2): \"%s\"\n", Utf8(message).c_str());
+  destroy(&message);
 }
 
 }  // namespace
@@ -46,6 +86,8 @@ int main() {
     std::printf("QvDllGetVersion: 0x%08lX 0x%08lX, file version %lu.%lu.%lu.%lu\n", high, low,
                 HIWORD(high), LOWORD(high), HIWORD(low), LOWORD(low));
   }
+
+  BstrRoundTrip(library);
 
   std::printf("Unloading XKComBsD.dll; its debugger output:\n");
   FreeLibrary(library);

@@ -1,38 +1,18 @@
 // The few C runtime functions the compiler emits calls to on its own (block
 // copies, zero-fills and comparisons). The modules link no language runtime,
-// so each carries these. Built with -fno-tree-loop-distribute-patterns so the
-// loops below are not turned back into calls to themselves.
-#include <stddef.h>
+// so each carries these, as thin doors to the library's own primitives.
+#include "../strings/MemoryPrimitives.h"
 
 extern "C" {
 
-void* memcpy(void* dst, const void* src, size_t n) {
-  auto* d = static_cast<unsigned char*>(dst);
-  auto* s = static_cast<const unsigned char*>(src);
-  while (n--) *d++ = *s++;
-  return dst;
-}
+void* memcpy(void* dst, const void* src, size_t n) { return xk::MemCopy(dst, src, n); }
 
-void* memmove(void* dst, const void* src, size_t n) {
-  auto* d = static_cast<unsigned char*>(dst);
-  auto* s = static_cast<const unsigned char*>(src);
-  if (d <= s || d >= s + n) return memcpy(dst, src, n);
-  while (n--) d[n] = s[n];
-  return dst;
-}
+void* memmove(void* dst, const void* src, size_t n) { return xk::MemMove(dst, src, n); }
 
 void* memset(void* dst, int value, size_t n) {
-  auto* d = static_cast<unsigned char*>(dst);
-  while (n--) *d++ = static_cast<unsigned char>(value);
-  return dst;
+  return xk::MemFill(dst, static_cast<unsigned char>(value), n);
 }
 
-int memcmp(const void* a, const void* b, size_t n) {
-  auto* x = static_cast<const unsigned char*>(a);
-  auto* y = static_cast<const unsigned char*>(b);
-  for (; n; --n, ++x, ++y)
-    if (*x != *y) return *x - *y;
-  return 0;
-}
+int memcmp(const void* a, const void* b, size_t n) { return xk::MemCompare(a, b, n); }
 
 }  // extern "C"

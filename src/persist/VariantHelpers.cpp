@@ -2,7 +2,7 @@
 #include <xkcombsd/Persist.h>
 #include <xkcombsd/XKAssert.h>
 
-#include "PendingStrings.h"
+#include <xkcombsd/Strings.h>
 
 namespace xk::persist {
 namespace {

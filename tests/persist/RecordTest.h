@@ -51,7 +51,7 @@ class RecordTest : public ::testing::Test {
   void TearDown() override {
     stream.Reset();
     EXPECT_EQ(0, spy.Outstanding())
-        << "task-allocator blocks left behind (BSTRs count only with OANOCACHE=1, as ctest runs it)";
+        << "task-allocator blocks (BSTRs included) left behind";
     if (SUCCEEDED(m_com)) CoUninitialize();
   }
 

@@ -20,9 +20,20 @@ class ProcessSpy : public IMallocSpy {
     static ProcessSpy* spy = [] {
       auto* created = new ProcessSpy;  // never freed: the platform may keep calling it
       created->m_registered = SUCCEEDED(CoRegisterMallocSpy(created));
+      StopCachingBstrs();
       return created;
     }();
     return *spy;
+  }
+
+  // The automation library keeps freed BSTRs for reuse instead of returning them
+  // to the task allocator; without that cache every BSTR is a task block the
+  // spy sees allocated and freed, so a leaked BSTR shows as outstanding.
+  static void StopCachingBstrs() {
+    if (HMODULE oleaut32 = LoadLibraryW(L"oleaut32.dll"))  // kept: BSTRs live as long as the process
+      if (auto stop = reinterpret_cast<void(WINAPI*)()>(
+              reinterpret_cast<void*>(GetProcAddress(oleaut32, "SetOaNoCache"))))
+        stop();
   }
 
   bool registered() const { return m_registered; }

@@ -6,6 +6,10 @@
 // the platform may refuse to revoke a spy (and then keeps calling it), so a
 // spy must outlive every allocation. Tests open a MallocSpy watch instead,
 // which sees what happens from its construction on.
+//
+// BSTRs come from the task allocator too: registering the spy also switches
+// off the automation library's cache of freed BSTRs, so a BSTR that is not
+// freed stays outstanding and one that is freed does not.
 #pragma once
 
 #include <objbase.h>

@@ -29,3 +29,11 @@ TEST(MallocSpy, SeesEveryRequestAndCountsWhatIsStillOut) {
   EXPECT_THAT(spy.AllocRequests(), IsEmpty());
   EXPECT_THAT(spy.ReallocRequests(), IsEmpty());
 }
+
+TEST(MallocSpy, SeesBstrsAsTheyAreAllocatedAndFreed) {
+  xktest::MallocSpy spy;
+  BSTR b = SysAllocString(L"abc");
+  EXPECT_EQ(1, spy.Outstanding());
+  SysFreeString(b);
+  EXPECT_EQ(0, spy.Outstanding()) << "a freed BSTR must not be kept in a cache";
+}
