@@ -34,38 +34,38 @@
 #define QV_INHERITED(methods) methods
 #endif
 
-#define QV_IUNKNOWN_METHODS(iface)                                           \
-  STDMETHOD(QueryInterface)(QV_THIS_(iface) REFIID riid, void** ppv) PURE; \
-  STDMETHOD_(ULONG, AddRef)(QV_THIS(iface)) PURE;                          \
+#define QV_IUNKNOWN_METHODS(iface)                                                                \
+  STDMETHOD(QueryInterface)(QV_THIS_(iface) REFIID riid, void** ppv) PURE;                        \
+  STDMETHOD_(ULONG, AddRef)(QV_THIS(iface)) PURE;                                                 \
   STDMETHOD_(ULONG, Release)(QV_THIS(iface)) PURE;
 
 // ICollXxx: Count; Add appends copies and keeps the position's index; Empty
 // answers S_FALSE when there was nothing; _NewEnum does not reset the position.
-#define QV_ICOLL_METHODS(iface, Item, IEnum)                                \
-  STDMETHOD(Count)(QV_THIS_(iface) long* rcount) PURE;                      \
-  STDMETHOD(Add)(QV_THIS_(iface) const Item* items, ULONG cItems) PURE;    \
-  STDMETHOD(Empty)(QV_THIS(iface)) PURE;                                    \
+#define QV_ICOLL_METHODS(iface, Item, IEnum)                                                      \
+  STDMETHOD(Count)(QV_THIS_(iface) long* rcount) PURE;                                            \
+  STDMETHOD(Add)(QV_THIS_(iface) const Item* items, ULONG cItems) PURE;                           \
+  STDMETHOD(Empty)(QV_THIS(iface)) PURE;                                                          \
   STDMETHOD(_NewEnum)(QV_THIS_(iface) IEnum** ppenum) PURE;
 
 // ISeqXxx: the position is the index of the next element Next returns, from 0
 // to Count (the end). Indices out of range answer E_INVALIDARG and change
 // nothing; InsertAt of no items answers S_FALSE.
-#define QV_ISEQ_METHODS(iface, Item)                                                   \
-  STDMETHOD(GetPosition)(QV_THIS_(iface) ULONG* pIndex) PURE;                          \
-  STDMETHOD(SetPosition)(QV_THIS_(iface) long index) PURE;                             \
-  STDMETHOD(RemoveAt)(QV_THIS_(iface) ULONG index) PURE;                               \
-  STDMETHOD(InsertAt)(QV_THIS_(iface) ULONG index, const Item* items, ULONG cItems) PURE; \
+#define QV_ISEQ_METHODS(iface, Item)                                                              \
+  STDMETHOD(GetPosition)(QV_THIS_(iface) ULONG* pIndex) PURE;                                     \
+  STDMETHOD(SetPosition)(QV_THIS_(iface) long index) PURE;                                        \
+  STDMETHOD(RemoveAt)(QV_THIS_(iface) ULONG index) PURE;                                          \
+  STDMETHOD(InsertAt)(QV_THIS_(iface) ULONG index, const Item* items, ULONG cItems) PURE;         \
   STDMETHOD(SetAt)(QV_THIS_(iface) ULONG index, const Item* item) PURE;
 
 // The two interfaces of one kind: Item is the type its items are handed in as.
-#define QV_DECLARE_COLLECTION(Kind, Item, IEnum)                                       \
-  DECLARE_INTERFACE_(IColl##Kind, IUnknown) {                                          \
-    QV_INHERITED(QV_IUNKNOWN_METHODS(IColl##Kind))                                     \
-    QV_ICOLL_METHODS(IColl##Kind, Item, IEnum)                                         \
-  };                                                                                   \
-  DECLARE_INTERFACE_(ISeq##Kind, IColl##Kind) {                                        \
-    QV_INHERITED(QV_IUNKNOWN_METHODS(ISeq##Kind) QV_ICOLL_METHODS(ISeq##Kind, Item, IEnum)) \
-    QV_ISEQ_METHODS(ISeq##Kind, Item)                                                  \
+#define QV_DECLARE_COLLECTION(Kind, Item, IEnum)                                                  \
+  DECLARE_INTERFACE_(IColl##Kind, IUnknown) {                                                     \
+    QV_INHERITED(QV_IUNKNOWN_METHODS(IColl##Kind))                                                \
+    QV_ICOLL_METHODS(IColl##Kind, Item, IEnum)                                                    \
+  };                                                                                              \
+  DECLARE_INTERFACE_(ISeq##Kind, IColl##Kind) {                                                   \
+    QV_INHERITED(QV_IUNKNOWN_METHODS(ISeq##Kind) QV_ICOLL_METHODS(ISeq##Kind, Item, IEnum))       \
+    QV_ISEQ_METHODS(ISeq##Kind, Item)                                                             \
   };
 
 // IEnumBSTR: the platform enumerator contract over BSTRs.

@@ -32,7 +32,8 @@ HRESULT CreateFilled(const typename Policy::Input* items, ULONG cItems,
   if (FAILED(hr)) return hr;
   echo(items, cItems);
   hr = coll->Add(items, cItems);
-  if (SUCCEEDED(hr)) hr = coll->QueryInterface(*Policy::kEnumIids[0], reinterpret_cast<void**>(ppenum));
+  if (SUCCEEDED(hr))
+    hr = coll->QueryInterface(*Policy::kEnumIids[0], reinterpret_cast<void**>(ppenum));
   return hr;  // the collection goes first, then the class object
 }
 
@@ -50,29 +51,29 @@ void EchoStrings(const LPCOLESTR* items, ULONG cItems) {
 
 namespace coll = xk::collections;
 
-// ---- EnumString_Create ---------------------------------------------------------
+// ---- EnumString_Create ------------------------------------------------------
 extern "C" HRESULT WINAPI EnumString_Create(const LPCOLESTR* items, ULONG cItems,
                                             IEnumString** ppenum) {
   return coll::CreateFilled<coll::StringPolicy>(items, cItems, ppenum, coll::EchoStrings);
 }
 
-// ---- EnumUnknown_Create --------------------------------------------------------
+// ---- EnumUnknown_Create -----------------------------------------------------
 extern "C" HRESULT WINAPI EnumUnknown_Create(IUnknown* const* items, ULONG cItems,
                                              IEnumUnknown** ppenum) {
   return coll::CreateFilled<coll::UnknownPolicy>(items, cItems, ppenum);
 }
 
-// ---- EnumGUID_Create -----------------------------------------------------------
+// ---- EnumGUID_Create --------------------------------------------------------
 extern "C" HRESULT WINAPI EnumGUID_Create(const GUID* items, ULONG cItems, IEnumGUID** ppenum) {
   return coll::CreateFilled<coll::GuidPolicy>(items, cItems, ppenum);
 }
 
-// ---- EnumBSTR_Create -----------------------------------------------------------
+// ---- EnumBSTR_Create --------------------------------------------------------
 extern "C" HRESULT WINAPI EnumBSTR_Create(const BSTR* items, ULONG cItems, IEnumBSTR** ppenum) {
   return coll::CreateFilled<coll::BstrPolicy>(items, cItems, ppenum);
 }
 
-// ---- EnumVARIANT_Create --------------------------------------------------------
+// ---- EnumVARIANT_Create -----------------------------------------------------
 extern "C" HRESULT WINAPI EnumVARIANT_Create(const VARIANT* items, ULONG cItems,
                                              IEnumVARIANT** ppenum) {
   return coll::CreateFilled<coll::VariantPolicy>(items, cItems, ppenum);

@@ -171,12 +171,13 @@ HRESULT QueryNextVariant(IEnumVARIANT* pev, REFIID riid, void** ppv) {
 
 namespace coll = xk::collections;
 
-// ---- EnumUnknown_FromUnknown -------------------------------------------------
+// ---- EnumUnknown_FromUnknown ------------------------------------------------
 extern "C" HRESULT WINAPI EnumUnknown_FromUnknown(IUnknown* punk, IEnumUnknown** ppenum) {
   if (!punk || !ppenum) return E_POINTER;
   *ppenum = nullptr;
   if (SUCCEEDED(punk->QueryInterface(IID_IEnumUnknown, reinterpret_cast<void**>(ppenum))))
     return S_OK;
+  *ppenum = nullptr;  // whatever a refusing object left there
   IEnumVARIANT* pev = nullptr;
   // Whatever punk answered, it is neither kind of enumerator.
   if (FAILED(punk->QueryInterface(IID_IEnumVARIANT, reinterpret_cast<void**>(&pev))))
@@ -187,7 +188,7 @@ extern "C" HRESULT WINAPI EnumUnknown_FromUnknown(IUnknown* punk, IEnumUnknown**
   return S_OK;
 }
 
-// ---- Enum_QueryNextItem ------------------------------------------------------
+// ---- Enum_QueryNextItem -----------------------------------------------------
 extern "C" HRESULT WINAPI Enum_QueryNextItem(IUnknown* penum, REFIID riid, void** ppv) {
   if (!penum || !ppv) return E_POINTER;
   xk::MLRelItf<IEnumUnknown> peu;

@@ -21,6 +21,7 @@
 #pragma once
 
 #include <XKCmnBaD.h>
+#include <stdint.h>
 #include <xkcombsd/MLLock.h>
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/MORefCnt.h>

@@ -1,7 +1,7 @@
 // DllGetClassObject: the class table is searched under the module critical
 // section, and a class object bound to the row found is handed out.
-#include <xkcombsd/Module.h>
 #include <xkcombsd/MORefCnt.h>
+#include <xkcombsd/Module.h>
 
 #include "Module.h"
 #include "collections/CollectionRows.h"
@@ -10,7 +10,7 @@ namespace {
 
 using xk::collections::ClassRow;
 
-// ---- TEMPORARY, replaced at merge -------------------------------------------
+// TEMPORARY, replaced at merge.
 // The smallest class object that serves the collection rows, until the class
 // table and its ClassFactory arrive from their own branch. Everything between
 // this line and the END TEMPORARY line goes then; kCollectionRows and their
@@ -47,8 +47,8 @@ class RowClassObject : public IClassFactory, public xk::MORefCnt<xk::MultiThread
   }
   STDMETHODIMP LockServer(BOOL lock) override {
     LONG* count = xk::module::LockCount();
-    return (lock ? xk::AtomicIncrement(count) : xk::AtomicDecrement(count)) >= 1 ? S_OK
-                                                                                : E_UNEXPECTED;
+    const LONG locks = lock ? xk::AtomicIncrement(count) : xk::AtomicDecrement(count);
+    return locks >= 1 ? S_OK : E_UNEXPECTED;
   }
 
  private:
@@ -60,11 +60,11 @@ const ClassRow* FindRow(REFCLSID rclsid) {
     if (rclsid == *row.id) return &row;
   return nullptr;
 }
-// ---- END TEMPORARY ----------------------------------------------------------
+// END TEMPORARY.
 
 }  // namespace
 
-// ---- DllGetClassObject -------------------------------------------------------
+// ---- DllGetClassObject ------------------------------------------------------
 extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
   xk::module::ModuleLock lock;
   if (!ppv) return E_POINTER;

@@ -61,8 +61,8 @@ class AdapterTest : public CollectionsTest {
   // An adapter over a new EnumVARIANT of the given values.
   IEnumUnknown* AdapterOver(std::initializer_list<VARIANT> values) {
     IEnumVARIANT* variants = nullptr;
-    EXPECT_HR(S_OK, EnumVARIANT_Create(values.begin(), static_cast<ULONG>(values.size()),
-                                       &variants));
+    EXPECT_HR(S_OK,
+              EnumVARIANT_Create(values.begin(), static_cast<ULONG>(values.size()), &variants));
     IEnumUnknown* adapter = nullptr;
     EXPECT_HR(S_OK, EnumUnknown_FromUnknown(variants, &adapter));
     EXPECT_EQ(1u, variants->Release()) << "the adapter holds the enumerator";
@@ -120,8 +120,7 @@ TEST_F(AdapterTest, TheAdapterIsAnIEnumUnknownOfItsOwn) {
 }
 
 TEST_F(AdapterTest, NextHandsOutTheObjectsOfTheVariants) {
-  IEnumUnknown* adapter = AdapterOver({Holding(&m_objects[0]),
-                                       Holding(&m_objects[1], VT_DISPATCH),
+  IEnumUnknown* adapter = AdapterOver({Holding(&m_objects[0]), Holding(&m_objects[1], VT_DISPATCH),
                                        Holding(nullptr), Holding(&m_objects[2])});
   IUnknown* items[4];
   ULONG n = 0xDEADBEEF;

@@ -421,9 +421,9 @@ TYPED_TEST(CollectionTest, QueryInterfaceAnswersItsOwnSetWithOneIdentity) {
   const IID* answered[] = {&IID_IUnknown, &TypeParam::EnumIid(), &TypeParam::CollIid(),
                            &TypeParam::SeqIid()};
   const IID* family[] = {
-      &IID_ICollBSTR,   &IID_ISeqBSTR,    &IID_IEnumBSTR,   &IID_ICollGUID,       &IID_ISeqGUID,
-      &IID_IQvEnumGUID, &IID_IEnumGUID,   &IID_ICollString, &IID_ISeqString,      &IID_IEnumString,
-      &IID_ICollUnknown, &IID_ISeqUnknown, &IID_IEnumUnknown, &IID_ICollVARIANT,  &IID_ISeqVARIANT,
+      &IID_ICollBSTR,    &IID_ISeqBSTR,    &IID_IEnumBSTR,     &IID_ICollGUID,    &IID_ISeqGUID,
+      &IID_IQvEnumGUID,  &IID_IEnumGUID,   &IID_ICollString,   &IID_ISeqString,   &IID_IEnumString,
+      &IID_ICollUnknown, &IID_ISeqUnknown, &IID_IEnumUnknown,  &IID_ICollVARIANT, &IID_ISeqVARIANT,
       &IID_IEnumVARIANT, &IID_IDispatch,   &IID_IClassFactory, &IID_IMarshal,     &IID_IStream};
   for (const IID* iid : family) {
     bool expected = false;
@@ -549,10 +549,9 @@ TYPED_TEST(CollectionTest, TracingKindsWriteABirthAndADeathLine) {
   EXPECT_EQ(0u, e->Release());
 
   if (TypeParam::kTraceName) {
-    EXPECT_THAT(capture.Lines(),
-                ElementsAre(TraceLine(TypeParam::kTraceName, true, cloneSeq),
-                            TraceLine(TypeParam::kTraceName, false, cloneSeq),
-                            TraceLine(TypeParam::kTraceName, false, seq)));
+    EXPECT_THAT(capture.Lines(), ElementsAre(TraceLine(TypeParam::kTraceName, true, cloneSeq),
+                                             TraceLine(TypeParam::kTraceName, false, cloneSeq),
+                                             TraceLine(TypeParam::kTraceName, false, seq)));
   } else {
     EXPECT_THAT(capture.Lines(), IsEmpty());
   }

@@ -31,9 +31,7 @@ class Probe : public EnumGUID {
   bool refuseCreateNew = false;
 
  protected:
-  EnumGUID* CreateNew() const override {
-    return refuseCreateNew ? nullptr : EnumGUID::CreateNew();
-  }
+  EnumGUID* CreateNew() const override { return refuseCreateNew ? nullptr : EnumGUID::CreateNew(); }
 };
 
 class EnumSequenceTest : public ::testing::Test {
@@ -45,8 +43,8 @@ class EnumSequenceTest : public ::testing::Test {
 TEST_F(EnumSequenceTest, TheObjectCountFollowsEveryObjectAndItsClones) {
   LONG count = 0;
   IEnumGUID* e = nullptr;
-  ASSERT_HR(S_OK, xk::collections::CreateEnumGUID(CLSID_QvEnumGUID, nullptr, &count,
-                                                  IID_IEnumGUID, reinterpret_cast<void**>(&e)));
+  ASSERT_HR(S_OK, xk::collections::CreateEnumGUID(CLSID_QvEnumGUID, nullptr, &count, IID_IEnumGUID,
+                                                  reinterpret_cast<void**>(&e)));
   EXPECT_EQ(1, count);
   IEnumGUID* clone = nullptr;
   ASSERT_HR(S_OK, e->Clone(&clone));

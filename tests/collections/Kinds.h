@@ -16,7 +16,9 @@
 
 // Not declared by the platform headers: turns off the automation allocator's
 // BSTR cache, which would otherwise keep freed BSTRs as task-allocator blocks.
-extern "C" void WINAPI SetOaNoCache();
+// The import library names it undecorated; with no arguments the two calling
+// conventions are the same call.
+extern "C" void SetOaNoCache();
 
 namespace xktest {
 
@@ -56,7 +58,9 @@ struct BstrKind {
   static const IID& CollIid() { return IID_ICollBSTR; }
   static const IID& SeqIid() { return IID_ISeqBSTR; }
   static const IID& EnumIid() { return IID_IEnumBSTR; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) { return EnumBSTR_Create(items, n, e); }
+  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
+    return EnumBSTR_Create(items, n, e);
+  }
 
   static Input MakeItem(int i) { return SysAllocString(ItemText(i).c_str()); }
   static void FreeItem(Input& item) { SysFreeString(item); }
@@ -77,10 +81,14 @@ struct GuidKind {
   static const IID& CollIid() { return IID_ICollGUID; }
   static const IID& SeqIid() { return IID_ISeqGUID; }
   static const IID& EnumIid() { return IID_IQvEnumGUID; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) { return EnumGUID_Create(items, n, e); }
+  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
+    return EnumGUID_Create(items, n, e);
+  }
 
   static Input MakeItem(int i) {
-    return {0x10000000u + i, 0x2222, 0x3333, {0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, static_cast<BYTE>(i)}};
+    GUID id = {0x10000000u + i, 0x2222, 0x3333, {0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0}};
+    id.Data4[7] = static_cast<BYTE>(i);
+    return id;
   }
   static void FreeItem(Input&) {}
   static bool Holds(const Element& e, int i) { return e == MakeItem(i); }
