@@ -67,7 +67,7 @@ class EnumSequence : public Policy::Seq, public Policy::Enum, public MORefCnt<Mu
 
   // The position keeps its index.
   STDMETHODIMP Add(const Input* items, ULONG cItems) override {
-    if (!items && cItems) return E_POINTER;  // left open: refused rather than read
+    if (!items && cItems) return E_POINTER;  // a NULL array with a count is refused, not read
     Guard guard(&m_lock);
     const HRESULT grown = GrowBy(cItems);
     if (SUCCEEDED(grown)) CopyInto(m_end - cItems, items, cItems);
@@ -130,7 +130,7 @@ class EnumSequence : public Policy::Seq, public Policy::Enum, public MORefCnt<Mu
   // The position keeps its index; it does not follow the elements moved up.
   STDMETHODIMP InsertAt(ULONG index, const Input* items, ULONG cItems) override {
     if (cItems == 0) return S_FALSE;
-    if (!items) return E_POINTER;  // left open: refused rather than read
+    if (!items) return E_POINTER;  // as in Add: refused, not read
     Guard guard(&m_lock);
     const size_t count = Size();
     if (index > count) return E_INVALIDARG;
