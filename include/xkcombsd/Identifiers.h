@@ -19,3 +19,23 @@ QV_DEFINE_CLSID(CLSID_QvPropertyBag, 0x0014);
 QV_DEFINE_CLSID(CLSID_QvPropertyBag_ST, 0x0015);
 QV_DEFINE_CLSID(CLSID_QvEnumBSTR, 0x0016);
 QV_DEFINE_CLSID(CLSID_QvEnumVARIANT, 0x0017);
+
+// Collection, sequence and enumerator interfaces of the five element kinds.
+QV_DEFINE_IID(IID_ICollGUID, 0x0011);
+QV_DEFINE_IID(IID_ISeqGUID, 0x0012);
+// The library's own IEnumGUID. It has the platform IEnumGUID's methods, so that
+// declaration serves for both; only the identifier differs, and the platform
+// already names its own IID_IEnumGUID.
+QV_DEFINE_IID(IID_IQvEnumGUID, 0x0013);
+QV_DEFINE_IID(IID_ICollUnknown, 0x0014);
+QV_DEFINE_IID(IID_ISeqUnknown, 0x0015);
+QV_DEFINE_IID(IID_ICollString, 0x0016);
+QV_DEFINE_IID(IID_ISeqString, 0x0017);
+QV_DEFINE_IID(IID_ICollBSTR, 0x0019);
+QV_DEFINE_IID(IID_ISeqBSTR, 0x001A);
+QV_DEFINE_IID(IID_IEnumBSTR, 0x001B);
+QV_DEFINE_IID(IID_ICollVARIANT, 0x001D);
+// No number was ever given to this one; 1E follows ICollVARIANT as every other
+// kind's sequence interface follows its collection interface. It is never
+// registered and has no proxy.
+QV_DEFINE_IID(IID_ISeqVARIANT, 0x001E);

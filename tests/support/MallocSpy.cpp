@@ -72,10 +72,16 @@ class ProcessSpy : public IMallocSpy {
   STDMETHODIMP_(ULONG) AddRef() override { return 2; }
   STDMETHODIMP_(ULONG) Release() override { return 1; }
 
+  void SetRefusing(bool refusing) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_refusing = refusing;
+  }
+
+  // A size of 0 from PreAlloc or PreRealloc makes the allocator fail the request.
   STDMETHODIMP_(SIZE_T) PreAlloc(SIZE_T cbRequest) override {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.push_back({false, cbRequest});
-    return cbRequest;
+    return m_refusing ? 0 : cbRequest;
   }
   STDMETHODIMP_(void*) PostAlloc(void* pActual) override {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -92,11 +98,12 @@ class ProcessSpy : public IMallocSpy {
                                    BOOL) override {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.push_back({true, cbRequest});
+    *ppNewRequest = pRequest;
+    if (m_refusing && cbRequest != 0) return 0;  // the block stays where it was
     m_reallocSource = pRequest;
     m_reallocSize = cbRequest;
     // Resizing to 0 frees; not every allocator reports back after it.
     if (cbRequest == 0) m_blocks.erase(pRequest);
-    *ppNewRequest = pRequest;
     return cbRequest;
   }
   STDMETHODIMP_(void*) PostRealloc(void* pActual, BOOL) override {
@@ -120,6 +127,7 @@ class ProcessSpy : public IMallocSpy {
  private:
   std::mutex m_mutex;
   bool m_registered = false;
+  bool m_refusing = false;                  // (m_mutex)
   std::map<void*, std::uint64_t> m_blocks;  // (m_mutex) live block -> serial
   std::uint64_t m_nextBlock = 0;            // (m_mutex)
   std::vector<Request> m_requests;          // (m_mutex)
@@ -146,5 +154,8 @@ std::vector<SIZE_T> MallocSpy::ReallocRequests() const {
 }
 
 void MallocSpy::ClearRequests() { m_requestStart = ProcessSpy::Instance().NextRequestSerial(); }
+
+TaskAllocatorRefusal::TaskAllocatorRefusal() { ProcessSpy::Instance().SetRefusing(true); }
+TaskAllocatorRefusal::~TaskAllocatorRefusal() { ProcessSpy::Instance().SetRefusing(false); }
 
 }  // namespace xktest

@@ -40,4 +40,15 @@ class MallocSpy {
   std::uint64_t m_requestStart;  // first request serial this watch reports
 };
 
+// While one lives, the task allocator refuses every allocation and every
+// reallocation to a non-zero size, as when memory has run out; frees still
+// work. Refused requests are still seen by the watches.
+class TaskAllocatorRefusal {
+ public:
+  TaskAllocatorRefusal();
+  ~TaskAllocatorRefusal();
+  TaskAllocatorRefusal(const TaskAllocatorRefusal&) = delete;
+  TaskAllocatorRefusal& operator=(const TaskAllocatorRefusal&) = delete;
+};
+
 }  // namespace xktest

@@ -37,3 +37,24 @@ TEST(MallocSpy, SeesBstrsAsTheyAreAllocatedAndFreed) {
   SysFreeString(b);
   EXPECT_EQ(0, spy.Outstanding()) << "a freed BSTR must not be kept in a cache";
 }
+
+TEST(MallocSpy, ARefusalFailsAllocationsButLetsFreesThrough) {
+  xktest::MallocSpy spy;
+  void* block = CoTaskMemAlloc(16);
+  ASSERT_NE(nullptr, block);
+  {
+    xktest::TaskAllocatorRefusal refusal;
+    EXPECT_EQ(nullptr, CoTaskMemAlloc(8));
+    EXPECT_EQ(nullptr, CoTaskMemRealloc(block, 64)) << "a refused resize keeps the block";
+    EXPECT_EQ(nullptr, CoTaskMemRealloc(nullptr, 8));
+    EXPECT_EQ(1, spy.Outstanding());
+    CoTaskMemFree(block);
+    EXPECT_EQ(0, spy.Outstanding());
+  }
+  EXPECT_THAT(spy.AllocRequests(), ElementsAre(16u, 8u));
+  EXPECT_THAT(spy.ReallocRequests(), ElementsAre(64u, 8u));
+  void* after = CoTaskMemAlloc(8);
+  EXPECT_NE(nullptr, after) << "the allocator works again once the refusal ends";
+  CoTaskMemFree(after);
+  EXPECT_EQ(0, spy.Outstanding());
+}

@@ -1,0 +1,111 @@
+// The collection template from inside: the object count it is handed, and the
+// contracts it reports broken when its state is not what its methods expect.
+#include <gmock/gmock.h>
+
+#include "DebugOutput.h"
+#include "HResult.h"
+#include "MallocSpy.h"
+#include "collections/CollectionRows.h"
+#include "collections/EnumKinds.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using xktest::AssertionReport;
+using xktest::DebugOutputCapture;
+
+namespace {
+
+// A GUID collection whose storage pointers a test may set, and whose CreateNew
+// may be made to fail.
+using xk::collections::EnumGUID;
+
+class Probe : public EnumGUID {
+ public:
+  explicit Probe(LONG* objectCount) : EnumGUID(objectCount) {}
+
+  void PretendStorage(GUID* first, size_t count) {
+    m_start = m_iter = first;
+    m_end = first + count;
+  }
+  void Destroy() { delete this; }
+  bool refuseCreateNew = false;
+
+ protected:
+  EnumGUID* CreateNew() const override { return refuseCreateNew ? nullptr : EnumGUID::CreateNew(); }
+};
+
+class EnumSequenceTest : public ::testing::Test {
+ protected:
+  void TearDown() override { EXPECT_EQ(0, m_spy.Outstanding()); }
+  xktest::MallocSpy m_spy;
+};
+
+TEST_F(EnumSequenceTest, TheObjectCountFollowsEveryObjectAndItsClones) {
+  LONG count = 0;
+  IEnumGUID* e = nullptr;
+  ASSERT_HR(S_OK, xk::collections::CreateEnumGUID(CLSID_QvEnumGUID, nullptr, &count, IID_IEnumGUID,
+                                                  reinterpret_cast<void**>(&e)));
+  EXPECT_EQ(1, count);
+  IEnumGUID* clone = nullptr;
+  ASSERT_HR(S_OK, e->Clone(&clone));
+  EXPECT_EQ(2, count) << "a clone is counted in the same count";
+  EXPECT_EQ(0u, clone->Release());
+  EXPECT_EQ(1, count);
+  EXPECT_EQ(0u, e->Release());
+  EXPECT_EQ(0, count);
+
+  void* object = reinterpret_cast<void*>(0xDEADBEEF);
+  EXPECT_HR(E_NOINTERFACE, xk::collections::CreateEnumBSTR(CLSID_QvEnumBSTR, nullptr, &count,
+                                                           IID_IStream, &object));
+  EXPECT_EQ(nullptr, object);
+  EXPECT_HR(E_POINTER, xk::collections::CreateEnumString(CLSID_QvEnumString, nullptr, &count,
+                                                         IID_IUnknown, nullptr));
+  EXPECT_EQ(0, count) << "refused objects are gone again";
+
+  ASSERT_HR(S_OK, xk::collections::CreateEnumVARIANT(CLSID_QvEnumVARIANT, nullptr, nullptr,
+                                                     IID_IUnknown, &object))
+      << "an object need not be counted";
+  EXPECT_EQ(0u, static_cast<IUnknown*>(object)->Release());
+}
+
+TEST_F(EnumSequenceTest, EmptyReportsStoragePointersLeftOnAnEmptySequence) {
+  auto* probe = new Probe(nullptr);
+  ASSERT_NE(nullptr, probe);
+  GUID slot;
+  probe->PretendStorage(&slot, 0);
+  DebugOutputCapture capture;
+  EXPECT_HR(S_FALSE, probe->Empty());
+  EXPECT_THAT(capture.Assertions(),
+              ElementsAre(AssertionReport{"MOEnXXXX", 340, "m_start == NULL"},
+                          AssertionReport{"MOEnXXXX", 341, "m_end == NULL"},
+                          AssertionReport{"MOEnXXXX", 342, "m_iter == NULL"}));
+  probe->PretendStorage(nullptr, 0);
+  capture.Clear();
+  EXPECT_EQ(0u, probe->Release());
+  EXPECT_THAT(capture.Assertions(), IsEmpty());
+}
+
+TEST_F(EnumSequenceTest, DestroyingAnObjectThatStillHoldsElementsIsReported) {
+  auto* probe = new Probe(nullptr);
+  ASSERT_NE(nullptr, probe);
+  GUID slots[2];
+  probe->PretendStorage(slots, 2);
+  DebugOutputCapture capture;
+  probe->Destroy();  // without the final release that would have emptied it
+  EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MOEnXXXX", 212, "cItems == 0"}));
+}
+
+TEST_F(EnumSequenceTest, CloneWithoutMemoryForTheNewObjectFails) {
+  LONG count = 0;
+  auto* probe = new Probe(&count);
+  ASSERT_NE(nullptr, probe);
+  probe->refuseCreateNew = true;
+  IEnumGUID* clone = reinterpret_cast<IEnumGUID*>(0xDEADBEEF);
+  EXPECT_HR(E_OUTOFMEMORY, probe->Clone(&clone));
+  EXPECT_EQ(nullptr, clone);
+  EXPECT_EQ(1, count);
+  EXPECT_EQ(0u, probe->Release());
+  EXPECT_EQ(0, count);
+}
+
+}  // namespace
