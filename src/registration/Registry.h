@@ -7,7 +7,7 @@
 #include <xkcombsd/LateBound.h>
 #include <xkcombsd/RegKey.h>
 
-#include "strings/TextLength.h"
+#include "strings/TextPrimitives.h"
 
 namespace xk::registry {
 
