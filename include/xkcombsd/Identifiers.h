@@ -19,3 +19,23 @@ QV_DEFINE_CLSID(CLSID_QvPropertyBag, 0x0014);
 QV_DEFINE_CLSID(CLSID_QvPropertyBag_ST, 0x0015);
 QV_DEFINE_CLSID(CLSID_QvEnumBSTR, 0x0016);
 QV_DEFINE_CLSID(CLSID_QvEnumVARIANT, 0x0017);
+
+// Interfaces of the collections and the property bag, registered with the
+// library as their proxy/stub server. IID_IQvEnumGUID is the library's own
+// IEnumGUID (the platform's IID_IEnumGUID is another identifier).
+QV_DEFINE_IID(IID_ICollGUID, 0x0011);
+QV_DEFINE_IID(IID_ISeqGUID, 0x0012);
+QV_DEFINE_IID(IID_IQvEnumGUID, 0x0013);
+QV_DEFINE_IID(IID_ICollUnknown, 0x0014);
+QV_DEFINE_IID(IID_ISeqUnknown, 0x0015);
+QV_DEFINE_IID(IID_ICollString, 0x0016);
+QV_DEFINE_IID(IID_ISeqString, 0x0017);
+QV_DEFINE_IID(IID_IPropertyBagEdit, 0x0018);
+// Registered with no name.
+QV_DEFINE_IID(IID_QvInterface0002, 0x0002);
+
+// The free-threaded unmarshaler and marshaler classes.
+DEFINE_GUID(CLSID_QvFreeThreadedUnmarshaler, 0xFC24FA77, 0x2192, 0x11D3, 0x99, 0x13, 0xA7, 0x0C,
+            0x13, 0x5B, 0x48, 0x53);
+DEFINE_GUID(CLSID_QvFreeThreadedMarshaler, 0xFC24FA78, 0x2192, 0x11D3, 0x99, 0x13, 0xA7, 0x0C,
+            0x13, 0x5B, 0x48, 0x53);

@@ -13,8 +13,6 @@
 
 namespace xk::module {
 
-ModuleState g_module;
-
 namespace {
 
 constexpr char kModuleName[] = "XKComBsD.dll";
@@ -135,10 +133,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE hinst, DWORD reason, LPVOID reserved) {
 }
 
 // ---- DllCanUnloadNow ---------------------------------------------------------
-extern "C" HRESULT WINAPI DllCanUnloadNow() {
-  ModuleLock lock;
-  return (g_module.lockCount >= 1 || g_module.objectCount >= 1) ? S_FALSE : S_OK;
-}
+extern "C" HRESULT WINAPI DllCanUnloadNow() { return CanUnloadNow(); }
 
 // ---- DllGetVersion -----------------------------------------------------------
 extern "C" HRESULT WINAPI DllGetVersion(DLLVERSIONINFO* pdvi) {
