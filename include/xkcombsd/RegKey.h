@@ -1,40 +1,21 @@
-// Registry keys: the holder that owns one opened or created key and closes it
+// Registry keys: the owner of one opened or created key, which closes it
 // through the late-bound entry point, so every path out of a function closes
-// exactly the keys it opened. Predefined root keys are never put in a holder.
+// exactly the keys it opened. Predefined root keys are never given to one.
 #pragma once
 
 #include <xkcombsd/LateBound.h>
+#include <xkcombsd/ScopedValue.h>
 
 namespace xk {
 
-class RegKey {
- public:
-  RegKey() = default;
-  explicit RegKey(HKEY key) : m_key(key) {}
-  ~RegKey() { Close(); }
-  RegKey(const RegKey&) = delete;
-  RegKey& operator=(const RegKey&) = delete;
-  RegKey(RegKey&& other) noexcept : m_key(other.Detach()) {}
-
-  HKEY get() const { return m_key; }
-  explicit operator bool() const { return m_key != nullptr; }
-
-  // For out-parameters: closes the current key first.
-  HKEY* put() {
-    Close();
-    return &m_key;
+struct RegKeyTraits {
+  using Type = HKEY;
+  static HKEY Empty() { return nullptr; }
+  static void Destroy(HKEY key) {
+    if (key) LB_RegCloseKey(key);
   }
-  HKEY Detach() {
-    HKEY key = m_key;
-    m_key = nullptr;
-    return key;
-  }
-  void Close() {
-    if (m_key) LB_RegCloseKey(Detach());
-  }
-
- private:
-  HKEY m_key = nullptr;
 };
+
+using RegKey = ScopedValue<RegKeyTraits>;
 
 }  // namespace xk

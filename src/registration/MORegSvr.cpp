@@ -163,7 +163,7 @@ void WriteInprocServer(HKEY classKey, const QVREGSVR& record) {
   RegKey server;
   SetDefaultKeeping(classKey, "InprocServer32", TextOf(record.inprocServer32), kValueAccess,
                     &server);
-  if (server)
+  if (server.get())
     xk::Reg_SetStringValueA(server.get(), nullptr, "ThreadingModel", ThreadingModelOf(record),
                             kValueAccess, nullptr, nullptr, nullptr);
 }
@@ -171,7 +171,7 @@ void WriteInprocServer(HKEY classKey, const QVREGSVR& record) {
 void WriteInterfaces(HKEY classKey, const QVREGSVR& record) {
   RegKey interfaces;
   SetDefaultKeeping(classKey, "Interface", nullptr, kValueAccess, &interfaces);
-  if (!interfaces || !record.interfaces) return;
+  if (!interfaces.get() || !record.interfaces) return;
   for (ULONG i = 0; i < record.cInterfaces; ++i)
     SetDefault(interfaces.get(), GuidString(record.interfaces[i].iid).text,
                record.interfaces[i].name);
@@ -266,8 +266,8 @@ extern "C" BOOL WINAPI RegisterServer(const QVREGSVR* pcreg) {
                     "RegisterServer error: QVREGSVRF_UNICODE flag not currently supported!\n"))
     return FALSE;
 
-  char classPath[6 + CCH_GUID];
-  xk::KeyPathOf(classPath, "CLSID\\", work.record().clsid);
+  char classPath[xk::kClassKeyChars];
+  xk::KeyPathOf(classPath, xk::kClassKeyPrefix, work.record().clsid);
   const bool resolved = work.Resolve();
   if (work.Has(QVREGSVRF_UNREGISTER)) {
     Unregister(work, classPath);

@@ -6,6 +6,10 @@
 
 namespace xk {
 
+// "CLSID\{...}": a class's own key under HKEY_CLASSES_ROOT.
+constexpr char kClassKeyPrefix[] = "CLSID\\";
+constexpr size_t kClassKeyChars = sizeof kClassKeyPrefix - 1 + CCH_GUID;
+
 inline HRESULT GuidToText(char* text, REFGUID guid) { return QvStringFromGUIDA(text, guid); }
 inline HRESULT GuidToText(WCHAR* text, REFGUID guid) { return QvStringFromGUIDW(text, guid); }
 

@@ -28,9 +28,9 @@ HRESULT HResultOfRegistry(LONG error) {
 
 template <class Api>
 HRESULT GetClassNameOf(REFCLSID clsid, typename Api::Char* name, DWORD* pcch) {
-  if (!pcch) return E_POINTER;
-  typename Api::Char path[6 + CCH_GUID];
-  const HRESULT hr = xk::KeyPathOf(path, "CLSID\\", clsid);
+  if (!pcch) return E_POINTER;  // nowhere to take the room from or report a size to
+  typename Api::Char path[xk::kClassKeyChars];
+  const HRESULT hr = xk::KeyPathOf(path, xk::kClassKeyPrefix, clsid);
   if (FAILED(hr)) return hr;
   DWORD cch = *pcch;
   *pcch = 0;

@@ -39,35 +39,29 @@ inline std::optional<std::string> StringValue(HKEY root, const std::string& path
   return std::string(data, cb ? cb - 1 : 0);
 }
 
-inline std::vector<std::string> SubKeys(HKEY root, const std::string& path) {
+// The names a key lists through one of the two enumerations.
+template <class Enumerate>
+std::vector<std::string> NamesOf(HKEY root, const std::string& path, Enumerate enumerate) {
   std::vector<std::string> names;
   HKEY key;
   if (RegOpenKeyExA(root, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return names;
   char name[256];
   for (DWORD i = 0;; ++i) {
     DWORD cch = sizeof name;
-    if (RegEnumKeyExA(key, i, name, &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
-      break;
+    if (enumerate(key, i, name, &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;
     names.emplace_back(name, cch);
   }
   RegCloseKey(key);
   return names;
 }
 
+inline std::vector<std::string> SubKeys(HKEY root, const std::string& path) {
+  return NamesOf(root, path, RegEnumKeyExA);
+}
+
 // The names of a key's values, the default value as "".
 inline std::vector<std::string> ValueNames(HKEY root, const std::string& path) {
-  std::vector<std::string> names;
-  HKEY key;
-  if (RegOpenKeyExA(root, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return names;
-  char name[256];
-  for (DWORD i = 0;; ++i) {
-    DWORD cch = sizeof name;
-    if (RegEnumValueA(key, i, name, &cch, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS)
-      break;
-    names.emplace_back(name, cch);
-  }
-  RegCloseKey(key);
-  return names;
+  return NamesOf(root, path, RegEnumValueA);
 }
 
 inline void WriteString(HKEY root, const std::string& path, const char* name,
