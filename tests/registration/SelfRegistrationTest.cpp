@@ -166,7 +166,10 @@ class DeniedKey {
 class SelfRegistration : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_HR(S_OK, DllUnregisterServer()); }
-  void TearDown() override { EXPECT_HR(S_OK, DllUnregisterServer()); }
+  void TearDown() override {
+    EXPECT_HR(S_OK, DllUnregisterServer());
+    EXPECT_HR(S_OK, DllCanUnloadNow());
+  }
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <xkcombsd/Guids.h>
 #include <xkcombsd/Identifiers.h>
+#include <xkcombsd/Module.h>
 
 #include <cstring>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "DebugOutput.h"
 #include "HResult.h"
+#include "MallocSpy.h"
 #include "RegistryProbe.h"
 
 using xktest::AssertionReport;
@@ -96,6 +98,7 @@ TEST(QvGUIDFromStringA, ReadsNoMoreThanThirtyNineBytes) {
   xktest::KeyTreeCleanup cleanup(HKEY_CLASSES_ROOT, {progID});
   xktest::WriteString(HKEY_CLASSES_ROOT, progID + "\\CLSID", nullptr, kSampleUpper);
 
+  xktest::MallocSpy spy;
   GUID guid = kFilled;
   EXPECT_HR(S_OK, QvGUIDFromStringA(&guid, (progID + "AndMore").c_str()));
   EXPECT_EQ(kSample, guid);
@@ -103,6 +106,7 @@ TEST(QvGUIDFromStringA, ReadsNoMoreThanThirtyNineBytes) {
   const std::wstring wideLonger(L"QuorvelTest.GuidTextCut.ThirtyNineCharsAndMore");
   EXPECT_HR(CO_E_CLASSSTRING, QvGUIDFromStringW(&guid, wideLonger.c_str()))
       << "the wide form parses the whole text";
+  EXPECT_EQ(0, spy.Outstanding());
 }
 
 TEST(GuidTextContracts, NullAndUnreadableTextIsReportedAndNeverRead) {
@@ -147,9 +151,14 @@ class CoRegGetClassName : public ::testing::Test {
       : m_key("CLSID\\" + xktest::GuidText(kClass)), m_cleanup(HKEY_CLASSES_ROOT, {m_key}) {
     xktest::WriteString(HKEY_CLASSES_ROOT, m_key, nullptr, "EnumGUID Class");
   }
+  void TearDown() override {
+    EXPECT_EQ(0, m_spy.Outstanding());
+    EXPECT_HR(S_OK, DllCanUnloadNow());
+  }
 
   std::string m_key;
   xktest::KeyTreeCleanup m_cleanup;
+  xktest::MallocSpy m_spy;
 };
 
 TEST_F(CoRegGetClassName, ASmallBufferAsksForTheSizeNeededAndIsNotOverrun) {
