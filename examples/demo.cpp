@@ -1,7 +1,9 @@
 // A client of XKComBsD, end to end: it loads the library, asks for its version,
-// takes a BSTR through the string functions and back, and shows the trace lines
-// the library and its base library write to the debugger output while it is
-// loaded and unloaded.
+// takes a BSTR through the string functions and back, registers the library
+// with regsvr32, reads a class name back from the registry, unregisters it
+// again, and shows the trace lines the library and its base library write to
+// the debugger output while it is loaded and unloaded.
+#include <xkcombsd/Guids.h>
 #include <xkcombsd/Module.h>
 #include <xkcombsd/Strings.h>
 
@@ -60,6 +62,35 @@ void BstrRoundTrip(HMODULE library) {
   destroy(&message);
 }
 
+// EnumGUID, one of the classes the library registers.
+constexpr CLSID kEnumGUID = {0x00517663, 0x0002, 0x0011, {0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64}};
+
+void Regsvr32(const char* options, const std::string& library) {
+  const std::string command = std::string("regsvr32.exe /s ") + options + "\"" + library + "\"";
+  std::printf("%s: exit code %lu\n", command.c_str(), xktest::RunToEnd(command, 60000));
+}
+
+void ShowClassName(decltype(&CoReg_GetClassNameA) getClassName) {
+  char name[64] = "";
+  DWORD cch = sizeof name;
+  const HRESULT hr = getClassName(kEnumGUID, name, &cch);
+  std::printf("CoReg_GetClassNameA(EnumGUID): 0x%08lX, \"%s\", %lu characters with the terminator\n",
+              hr, name, cch);
+}
+
+// The library registers itself under regsvr32; the client reads the name of
+// one of its classes back from the registry, before and after unregistering.
+void ShowRegistration(HMODULE library) {
+  char path[MAX_PATH];
+  const std::string file(path, GetModuleFileNameA(library, path, MAX_PATH));
+  auto getClassName = Export<decltype(&CoReg_GetClassNameA)>(library, "CoReg_GetClassNameA");
+  if (!getClassName) return;
+  Regsvr32("", file);
+  ShowClassName(getClassName);
+  Regsvr32("/u ", file);
+  ShowClassName(getClassName);
+}
+
 }  // namespace
 
 int main() {
@@ -88,6 +119,7 @@ int main() {
   }
 
   BstrRoundTrip(library);
+  ShowRegistration(library);
 
   std::printf("Unloading XKComBsD.dll; its debugger output:\n");
   FreeLibrary(library);

@@ -20,12 +20,12 @@ QV_DEFINE_CLSID(CLSID_QvPropertyBag_ST, 0x0015);
 QV_DEFINE_CLSID(CLSID_QvEnumBSTR, 0x0016);
 QV_DEFINE_CLSID(CLSID_QvEnumVARIANT, 0x0017);
 
-// Collection, sequence and enumerator interfaces of the five element kinds.
+// Collection, sequence and enumerator interfaces of the five element kinds, and
+// the property bag's editing interface. The library's own IEnumGUID has the
+// platform IEnumGUID's methods, so that declaration serves for both; only the
+// identifier differs, and the platform already names its own IID_IEnumGUID.
 QV_DEFINE_IID(IID_ICollGUID, 0x0011);
 QV_DEFINE_IID(IID_ISeqGUID, 0x0012);
-// The library's own IEnumGUID. It has the platform IEnumGUID's methods, so that
-// declaration serves for both; only the identifier differs, and the platform
-// already names its own IID_IEnumGUID.
 QV_DEFINE_IID(IID_IQvEnumGUID, 0x0013);
 QV_DEFINE_IID(IID_ICollUnknown, 0x0014);
 QV_DEFINE_IID(IID_ISeqUnknown, 0x0015);
@@ -39,3 +39,12 @@ QV_DEFINE_IID(IID_ICollVARIANT, 0x001D);
 // kind's sequence interface follows its collection interface. It is never
 // registered and has no proxy.
 QV_DEFINE_IID(IID_ISeqVARIANT, 0x001E);
+QV_DEFINE_IID(IID_IPropertyBagEdit, 0x0018);
+// Registered with no name.
+QV_DEFINE_IID(IID_QvInterface0002, 0x0002);
+
+// The free-threaded unmarshaler and marshaler classes.
+DEFINE_GUID(CLSID_QvFreeThreadedUnmarshaler, 0xFC24FA77, 0x2192, 0x11D3, 0x99, 0x13, 0xA7, 0x0C,
+            0x13, 0x5B, 0x48, 0x53);
+DEFINE_GUID(CLSID_QvFreeThreadedMarshaler, 0xFC24FA78, 0x2192, 0x11D3, 0x99, 0x13, 0xA7, 0x0C,
+            0x13, 0x5B, 0x48, 0x53);

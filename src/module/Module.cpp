@@ -13,8 +13,6 @@
 
 namespace xk::module {
 
-ModuleState g_module;
-
 namespace {
 
 constexpr char kModuleName[] = "XKComBsD.dll";
@@ -56,6 +54,16 @@ void FormatRelocationWarning(char* suffix, const void* preferred, const void* ac
   LB_wsprintfA(suffix, " - WARNING: relocated from %s => %s", fromText, toText);
 }
 
+// Registering a local-server class object makes the COM runtime start its RPC
+// server. Wine's runtime starts a server thread and waits for it, and that
+// thread cannot start while DllMain holds the loader lock: the load would never
+// return. There the registration is treated as failed (cookie 0), which the
+// entry point already tolerates; everywhere else it is made as specified.
+bool CanRegisterLocalServerUnderLoaderLock() {
+  const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  return !(ntdll && GetProcAddress(ntdll, "wine_get_version"));
+}
+
 void OnProcessAttach(HINSTANCE hinst) {
   g_module.instance = hinst;
   DisableThreadLibraryCalls(hinst);
@@ -69,7 +77,8 @@ void OnProcessAttach(HINSTANCE hinst) {
   g_module.comInitialised = SUCCEEDED(CoInitialize(nullptr));
   if (SUCCEEDED(found)) {
     MLRelItf<IUnknown> held(factory, false);
-    if (FAILED(CoRegisterClassObject(CLSID_QvEnumUnknown, held.get(), CLSCTX_LOCAL_SERVER,
+    if (!CanRegisterLocalServerUnderLoaderLock() ||
+        FAILED(CoRegisterClassObject(CLSID_QvEnumUnknown, held.get(), CLSCTX_LOCAL_SERVER,
                                      REGCLS_MULTIPLEUSE, &g_module.classObjectCookie)))
       g_module.classObjectCookie = 0;
   }
@@ -135,10 +144,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE hinst, DWORD reason, LPVOID reserved) {
 }
 
 // ---- DllCanUnloadNow ---------------------------------------------------------
-extern "C" HRESULT WINAPI DllCanUnloadNow() {
-  ModuleLock lock;
-  return (g_module.lockCount >= 1 || g_module.objectCount >= 1) ? S_FALSE : S_OK;
-}
+extern "C" HRESULT WINAPI DllCanUnloadNow() { return CanUnloadNow(); }
 
 // ---- DllGetVersion -----------------------------------------------------------
 extern "C" HRESULT WINAPI DllGetVersion(DLLVERSIONINFO* pdvi) {

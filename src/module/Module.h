@@ -35,6 +35,10 @@ class ModuleLock {
   MLLock<CriticalSectionRef> m_guard;
 };
 
+// S_FALSE while a LockServer lock or an object made through a class object is
+// alive, else S_OK; read under the module critical section.
+HRESULT CanUnloadNow();
+
 // Writes the trace line of one entry-point call; returns the module path buffer.
 char* TraceModuleEvent(const char* moduleName, HINSTANCE hinst, DWORD reason, LPVOID reserved,
                        void* preferredBase);

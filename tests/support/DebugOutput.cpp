@@ -173,6 +173,23 @@ DebuggeeRun RunUnderDebugger(const std::wstring& commandLine, DWORD timeoutMs) {
   return run;
 }
 
+DWORD RunToEnd(const std::string& commandLine, DWORD timeoutMs) {
+  STARTUPINFOA startup = {sizeof startup};
+  PROCESS_INFORMATION process = {};
+  std::string mutableLine = commandLine;
+  if (!CreateProcessA(nullptr, mutableLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                      &startup, &process))
+    return kNotRun;
+  DWORD exitCode = kNotRun;
+  if (WaitForSingleObject(process.hProcess, timeoutMs) == WAIT_OBJECT_0)
+    GetExitCodeProcess(process.hProcess, &exitCode);
+  else
+    TerminateProcess(process.hProcess, 1);
+  CloseHandle(process.hThread);
+  CloseHandle(process.hProcess);
+  return exitCode;
+}
+
 std::wstring ExecutableDirectoryW() {
   wchar_t path[MAX_PATH];
   const DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);

@@ -63,6 +63,11 @@ struct DebuggeeRun {
 };
 DebuggeeRun RunUnderDebugger(const std::wstring& commandLine, DWORD timeoutMs);
 
+// The exit code of a child process run to its end (no debugger); kNotRun when
+// it could not be started or had to be ended after timeoutMs.
+constexpr DWORD kNotRun = 0xFFFFFFFF;
+DWORD RunToEnd(const std::string& commandLine, DWORD timeoutMs);
+
 // The directory of the running test executable, where the DLLs are too.
 std::string ExecutableDirectoryA();
 std::wstring ExecutableDirectoryW();

@@ -1,0 +1,25 @@
+// Length and bounded copy of zero-terminated narrow or wide strings, for code
+// that handles text it has already checked (the library links no runtime).
+#pragma once
+
+#include <stddef.h>
+
+namespace xk {
+
+template <class Char>
+size_t TextLength(const Char* text) {
+  size_t length = 0;
+  while (text[length]) ++length;
+  return length;
+}
+
+// Copies at most maxChars characters of text and a terminator; returns the
+// end of the copy (its terminator), so copies can be chained.
+template <class Char>
+Char* CopyCut(Char* dest, const Char* text, size_t maxChars) {
+  for (size_t i = 0; i < maxChars && text[i]; ++i) *dest++ = text[i];
+  *dest = 0;
+  return dest;
+}
+
+}  // namespace xk
