@@ -19,3 +19,12 @@ QV_DEFINE_CLSID(CLSID_QvPropertyBag, 0x0014);
 QV_DEFINE_CLSID(CLSID_QvPropertyBag_ST, 0x0015);
 QV_DEFINE_CLSID(CLSID_QvEnumBSTR, 0x0016);
 QV_DEFINE_CLSID(CLSID_QvEnumVARIANT, 0x0017);
+
+// Interfaces of the byte stores and their streams. Their fourth field is 0102,
+// not the 0001 of the rows above, so they are spelled out in full.
+// IThreadingInfo {00517663-0003-0001-0102-00C0DFE64A64}
+DEFINE_GUID(IID_IThreadingInfo, 0x00517663, 0x0003, 0x0001, 0x01, 0x02, 0x00, 0xC0, 0xDF, 0xE6,
+            0x4A, 0x64);
+// ISaveToFile {00517663-0003-0003-0102-00C0DFE64A64}
+DEFINE_GUID(IID_ISaveToFile, 0x00517663, 0x0003, 0x0003, 0x01, 0x02, 0x00, 0xC0, 0xDF, 0xE6, 0x4A,
+            0x64);
