@@ -19,7 +19,8 @@ constexpr int kContiguousSizeChecks = 497;
 constexpr int kBlockListSizeChecks = 1048;
 
 bool WithinAddressRange(ULARGE_INTEGER offset, ULONG cb) {
-  return offset.QuadPart + cb < kAddressLimit;  // cannot wrap: cb is below 2^32
+  // The first test keeps the sum from wrapping for offsets near 2^64.
+  return offset.QuadPart < kAddressLimit && offset.QuadPart + cb < kAddressLimit;
 }
 
 HRESULT HResultFromLastError() { return HRESULT_FROM_WIN32(GetLastError()); }

@@ -154,10 +154,12 @@ TYPED_TEST(LockBytesContract, EverythingAtOrBeyondFourGiBIsMediumFull) {
     EXPECT_EQ(0u, count);
     EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->ReadAt(U(0xFFFFFFF8), buffer, 8, &count));
     EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->ReadAt(U(k4GiB + 1), buffer, 1, &count));
+    EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->ReadAt(U(~0ull), buffer, 1, &count)) << "no wrap to 0";
     count = kSentinel;
     EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->WriteAt(U(0xFFFFFFFF), buffer, 1, &count));
     EXPECT_EQ(0u, count);
     EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->WriteAt(U(1), buffer, 0xFFFFFFFF, &count));
+    EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->WriteAt(U(~0ull - 3), buffer, 8, &count));
     EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->SetSize(U(k4GiB)));
     EXPECT_HR(STG_E_MEDIUMFULL, this->m_lb->SetSize(U(~0ull)));
     EXPECT_EQ(this->kCapacity, StatSize(this->m_lb));

@@ -11,6 +11,7 @@
 #include <xkcombsd/Stores.h>
 
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "HResult.h"
@@ -123,30 +124,43 @@ struct TestAllocator {
 
 // ---- store kinds for the typed tests ----
 //
-// Each kind makes a store of at least `capacity` addressable bytes that starts
-// empty (growable kinds) or at its full size (fixed kinds, whose memory is the
-// caller's). Locked<Kind> and Unlocked<Kind> add the form.
+// Each kind makes a store, or a stream over one, of at least `capacity`
+// addressable bytes that starts empty (growable kinds) or at its full size
+// (fixed kinds, whose memory is the caller's). Locked<Kind> and
+// Unlocked<Kind> add the form.
+
+// The library's factories for stores and streams take the same arguments.
+template <class Out>
+HRESULT CreateOnMemory(void* pv, ULONG si, DWORD flags, ULONG_PTR allocSource, Out** out) {
+  if constexpr (std::is_same_v<Out, IStream>)
+    return CreateStreamOnMemory(pv, si, flags, allocSource, out);
+  else
+    return CreateLockBytesOnMemory(pv, si, flags, allocSource, out);
+}
 
 struct TaskKind {
   static constexpr DWORD kKind = QVCLBOMF_TASKALLOCATOR;
   static constexpr bool kGrowable = true, kPlatform = false;
-  HRESULT MakeWith(DWORD flags, ULONG, ILockBytes** pplb) {
-    return CreateLockBytesOnMemory(NULL, 0, flags, 0, pplb);
+  template <class Out>
+  HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
+    return CreateOnMemory(nullptr, 0, flags, 0, out);
   }
 };
 struct HeapKind {
   static constexpr DWORD kKind = QVCLBOMF_PRIVATEHEAP;
   static constexpr bool kGrowable = true, kPlatform = false;
-  HRESULT MakeWith(DWORD flags, ULONG, ILockBytes** pplb) {
-    return CreateLockBytesOnMemory(NULL, 0, flags, 0, pplb);
+  template <class Out>
+  HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
+    return CreateOnMemory(nullptr, 0, flags, 0, out);
   }
 };
 struct CallerAllocatorKind {
   static constexpr DWORD kKind = QVCLBOMF_ALLOCATOR;
   static constexpr bool kGrowable = true, kPlatform = false;
   TestAllocator allocator;
-  HRESULT MakeWith(DWORD flags, ULONG, ILockBytes** pplb) {
-    return CreateLockBytesOnMemory(NULL, 0, flags, allocator.Source(), pplb);
+  template <class Out>
+  HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
+    return CreateOnMemory(nullptr, 0, flags, allocator.Source(), out);
   }
   ~CallerAllocatorKind() {
     EXPECT_EQ(1, allocator.refs) << "the store must give back its reference";
@@ -157,9 +171,10 @@ struct FixedKind {
   static constexpr DWORD kKind = QVCLBOMF_FIXEDBLOCK;
   static constexpr bool kGrowable = false, kPlatform = false;
   std::vector<BYTE> buffer;
-  HRESULT MakeWith(DWORD flags, ULONG capacity, ILockBytes** pplb) {
+  template <class Out>
+  HRESULT MakeWith(DWORD flags, ULONG capacity, Out** out) {
     buffer.assign(capacity, 0);
-    return CreateLockBytesOnMemory(buffer.data(), capacity, flags, 0, pplb);
+    return CreateOnMemory(buffer.data(), capacity, flags, 0, out);
   }
 };
 // Blocks of 1, 2, 3, ... bytes, so most transfers cross several boundaries.
@@ -168,30 +183,33 @@ struct BlockListKind {
   static constexpr bool kGrowable = false, kPlatform = false;
   std::vector<std::vector<BYTE>> blocks;
   std::vector<LOCKBYTESBLOCK> table;
-  HRESULT MakeWith(DWORD flags, ULONG capacity, ILockBytes** pplb) {
+  template <class Out>
+  HRESULT MakeWith(DWORD flags, ULONG capacity, Out** out) {
     ULONG total = 0;
     for (ULONG cb = 1; total < capacity; ++cb) {
       blocks.emplace_back(cb, 0);
       total += cb;
     }
     for (auto& block : blocks) table.push_back({static_cast<ULONG>(block.size()), block.data()});
-    return CreateLockBytesOnMemory(table.data(), capacity, flags, 0, pplb);
+    return CreateOnMemory(table.data(), capacity, flags, 0, out);
   }
 };
-// The platform's store on global memory, run against the same contract.
+// The platform's store and stream on global memory, run against the same contract.
 struct PlatformKind {
   static constexpr DWORD kKind = 0;
   static constexpr bool kGrowable = true, kPlatform = true;
-  HRESULT MakeWith(DWORD, ULONG, ILockBytes** pplb) {
-    return CreateILockBytesOnHGlobal(NULL, TRUE, pplb);
-  }
+  HRESULT MakeWith(DWORD, ULONG, ILockBytes** out) { return CreateILockBytesOnHGlobal(NULL, TRUE, out); }
+  HRESULT MakeWith(DWORD, ULONG, IStream** out) { return CreateStreamOnHGlobal(NULL, TRUE, out); }
 };
 
 template <class Kind, DWORD Form>
 struct StoreOf : Kind {
   static constexpr DWORD kFlags = Kind::kKind | Form;
   static constexpr DWORD kThreadingModel = (Form & QVCLBOMF_NOLOCK) ? 0 : 3;
-  HRESULT Make(ULONG capacity, ILockBytes** pplb) { return this->MakeWith(kFlags, capacity, pplb); }
+  template <class Out>
+  HRESULT Make(ULONG capacity, Out** out) {
+    return this->MakeWith(kFlags, capacity, out);
+  }
 };
 template <class Kind>
 using Locked = StoreOf<Kind, 0>;
