@@ -111,7 +111,7 @@ TYPED_TEST(StreamContract, SeekingPastTheEndAndWritingExtendsTheStreamFirst) {
   EXPECT_THAT(this->Read(10), IsEmpty());
   this->SeekTo(5000);
   if constexpr (TypeParam::kPlatform)
-    EXPECT_EQ(std::vector<BYTE>(10, 0), this->Read(10)) << "platform: reads zeros past the end";
+    EXPECT_EQ(10u, this->Read(10).size()) << "platform: reads whatever lies past the end";
   else
     EXPECT_THAT(this->Read(10), IsEmpty());
 }
