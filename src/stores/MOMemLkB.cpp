@@ -18,9 +18,18 @@ constexpr char kSource[] = "MOMemLkB";
 constexpr int kContiguousSizeChecks = 497;
 constexpr int kBlockListSizeChecks = 1048;
 
-bool WithinAddressRange(ULARGE_INTEGER offset, ULONG cb) {
+constexpr HRESULT kNothingToDo = S_FALSE;
+
+// What ReadAt and WriteAt check before touching the store, in this order: the
+// buffer, then (with the count cleared) an empty transfer, which succeeds at
+// once, then the 32-bit range. S_OK means go on.
+HRESULT CheckTransfer(ULARGE_INTEGER offset, const void* pv, ULONG cb, ULONG* pcb) {
+  if (!pv) return E_POINTER;
+  if (pcb) *pcb = 0;
+  if (cb == 0) return kNothingToDo;
   // The first test keeps the sum from wrapping for offsets near 2^64.
-  return offset.QuadPart < kAddressLimit && offset.QuadPart + cb < kAddressLimit;
+  const bool inRange = offset.QuadPart < kAddressLimit && offset.QuadPart + cb < kAddressLimit;
+  return inRange ? S_OK : STG_E_MEDIUMFULL;
 }
 
 HRESULT HResultFromLastError() { return HRESULT_FROM_WIN32(GetLastError()); }
@@ -32,10 +41,8 @@ template <class Derived, class ThreadModel>
 class MemoryStore : public StoreObject<ILockBytes, ThreadModel, &IID_ILockBytes> {
  public:
   STDMETHODIMP ReadAt(ULARGE_INTEGER ulOffset, void* pv, ULONG cb, ULONG* pcbRead) override {
-    if (!pv) return E_POINTER;
-    if (pcbRead) *pcbRead = 0;
-    if (cb == 0) return S_OK;
-    if (!WithinAddressRange(ulOffset, cb)) return STG_E_MEDIUMFULL;
+    const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbRead);
+    if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
     auto guard = this->Locked();
     const ULONG offset = ulOffset.LowPart;
     const ULONG n = offset >= m_si ? 0 : Smaller(cb, m_si - offset);
@@ -46,10 +53,8 @@ class MemoryStore : public StoreObject<ILockBytes, ThreadModel, &IID_ILockBytes>
 
   STDMETHODIMP WriteAt(ULARGE_INTEGER ulOffset, const void* pv, ULONG cb,
                        ULONG* pcbWritten) override {
-    if (!pv) return E_POINTER;
-    if (pcbWritten) *pcbWritten = 0;
-    if (cb == 0) return S_OK;
-    if (!WithinAddressRange(ulOffset, cb)) return STG_E_MEDIUMFULL;
+    const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbWritten);
+    if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
     auto guard = this->Locked();
     const ULONG offset = ulOffset.LowPart;
     const ULONG end = offset + cb;

@@ -138,22 +138,17 @@ HRESULT CreateOnMemory(void* pv, ULONG si, DWORD flags, ULONG_PTR allocSource, O
     return CreateLockBytesOnMemory(pv, si, flags, allocSource, out);
 }
 
-struct TaskKind {
-  static constexpr DWORD kKind = QVCLBOMF_TASKALLOCATOR;
+template <DWORD Kind>
+struct GrowableKind {
+  static constexpr DWORD kKind = Kind;
   static constexpr bool kGrowable = true, kPlatform = false;
   template <class Out>
   HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
     return CreateOnMemory(nullptr, 0, flags, 0, out);
   }
 };
-struct HeapKind {
-  static constexpr DWORD kKind = QVCLBOMF_PRIVATEHEAP;
-  static constexpr bool kGrowable = true, kPlatform = false;
-  template <class Out>
-  HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
-    return CreateOnMemory(nullptr, 0, flags, 0, out);
-  }
-};
+using TaskKind = GrowableKind<QVCLBOMF_TASKALLOCATOR>;
+using HeapKind = GrowableKind<QVCLBOMF_PRIVATEHEAP>;
 struct CallerAllocatorKind {
   static constexpr DWORD kKind = QVCLBOMF_ALLOCATOR;
   static constexpr bool kGrowable = true, kPlatform = false;
@@ -216,5 +211,32 @@ using Locked = StoreOf<Kind, 0>;
 template <class Kind>
 using Unlocked = StoreOf<Kind, QVCLBOMF_NOLOCK>;
 using Platform = StoreOf<PlatformKind, 0>;
+
+// Every kind in both forms, and the platform's.
+using AllKinds = ::testing::Types<
+    Locked<TaskKind>, Unlocked<TaskKind>, Locked<HeapKind>, Unlocked<HeapKind>,
+    Locked<CallerAllocatorKind>, Unlocked<CallerAllocatorKind>, Locked<FixedKind>,
+    Unlocked<FixedKind>, Locked<BlockListKind>, Unlocked<BlockListKind>, Platform>;
+
+// A typed fixture's object: a store (ILockBytes) or a stream (IStream) of the
+// kind under test, made before each case; the case must leave it with one
+// reference, and nothing of the task allocator's behind.
+template <class Store, class Object, ULONG Capacity>
+class MadeObjectTest : public LeakCheckedTest {
+ protected:
+  static constexpr ULONG kCapacity = Capacity;
+
+  void SetUp() override {
+    ASSERT_HR(S_OK, m_store.Make(kCapacity, &m_object));
+    ASSERT_NE(nullptr, m_object);
+  }
+  void TearDown() override {
+    if (m_object) EXPECT_EQ(0u, m_object->Release()) << "the test holds the only reference";
+    LeakCheckedTest::TearDown();
+  }
+
+  Store m_store;
+  Object* m_object = nullptr;
+};
 
 }  // namespace storetest

@@ -9,18 +9,9 @@ using namespace storetest;
 namespace {
 
 template <class Store>
-class StreamContract : public LeakCheckedTest {
+class StreamContract : public MadeObjectTest<Store, IStream, 2048> {
  protected:
-  static constexpr ULONG kCapacity = 2048;
-
-  void SetUp() override {
-    ASSERT_HR(S_OK, m_store.Make(kCapacity, &m_stream));
-    ASSERT_NE(nullptr, m_stream);
-  }
-  void TearDown() override {
-    if (m_stream) EXPECT_EQ(0u, m_stream->Release()) << "the test holds the only reference";
-    LeakCheckedTest::TearDown();
-  }
+  using MadeObjectTest<Store, IStream, 2048>::kCapacity;
 
   // Where the stream starts out ending: empty for growable stores, the
   // caller's whole buffer for fixed ones.
@@ -28,36 +19,29 @@ class StreamContract : public LeakCheckedTest {
 
   ULONGLONG SeekTo(LONGLONG move, DWORD origin = STREAM_SEEK_SET) {
     ULARGE_INTEGER at = U(kSentinel);
-    EXPECT_HR(S_OK, m_stream->Seek(L(move), origin, &at));
+    EXPECT_HR(S_OK, this->m_object->Seek(L(move), origin, &at));
     return at.QuadPart;
   }
   void Write(const std::vector<BYTE>& bytes) {
     ULONG written = kSentinel;
-    ASSERT_HR(S_OK, m_stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &written));
+    ASSERT_HR(S_OK, this->m_object->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &written));
     ASSERT_EQ(bytes.size(), written);
   }
   std::vector<BYTE> Read(ULONG cb, IStream* stream = nullptr) {
     std::vector<BYTE> bytes(cb);
     ULONG read = kSentinel;
-    EXPECT_HR(S_OK, (stream ? stream : m_stream)->Read(bytes.data(), cb, &read));
+    EXPECT_HR(S_OK, (stream ? stream : this->m_object)->Read(bytes.data(), cb, &read));
     bytes.resize(read == kSentinel ? 0 : read);
     return bytes;
   }
-
-  Store m_store;
-  IStream* m_stream = nullptr;
 };
 
-using AllKinds = ::testing::Types<
-    Locked<TaskKind>, Unlocked<TaskKind>, Locked<HeapKind>, Unlocked<HeapKind>,
-    Locked<CallerAllocatorKind>, Unlocked<CallerAllocatorKind>, Locked<FixedKind>,
-    Unlocked<FixedKind>, Locked<BlockListKind>, Unlocked<BlockListKind>, Platform>;
 TYPED_TEST_SUITE(StreamContract, AllKinds);
 
 }  // namespace
 
 TYPED_TEST(StreamContract, AnswersItsInterfacesAndItsThreadingModel) {
-  IStream* stream = this->m_stream;
+  IStream* stream = this->m_object;
   IUnknown* identity = nullptr;
   ASSERT_HR(S_OK, stream->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity)));
   EXPECT_EQ(static_cast<IUnknown*>(stream), identity);
@@ -99,11 +83,11 @@ TYPED_TEST(StreamContract, EndsWhereItsStoreEndsAndWritesPastItWithoutCuttingAny
 
 TYPED_TEST(StreamContract, SeekingPastTheEndAndWritingExtendsTheStreamFirst) {
   const ULONGLONG target = this->InitialEnd() ? this->kCapacity - 10 : 300;
-  if (this->InitialEnd()) ASSERT_HR(S_OK, this->m_stream->SetSize(U(100)));
+  if (this->InitialEnd()) ASSERT_HR(S_OK, this->m_object->SetSize(U(100)));
   EXPECT_EQ(target, this->SeekTo(target));
   this->Write(Pattern(4, 8));
   EXPECT_EQ(target + 4, this->SeekTo(0, STREAM_SEEK_END));
-  EXPECT_EQ(target + 4, StatSize(this->m_stream));
+  EXPECT_EQ(target + 4, StatSize(this->m_object));
   EXPECT_EQ(target, this->SeekTo(-4, STREAM_SEEK_END));
   EXPECT_EQ(Pattern(4, 8), this->Read(10)) << "reads stop at the end";
 
@@ -119,7 +103,7 @@ TYPED_TEST(StreamContract, SeekingPastTheEndAndWritingExtendsTheStreamFirst) {
 TYPED_TEST(StreamContract, ABadOriginIsRefusedAndLeavesThePositionAlone) {
   this->Write(Pattern(8));
   ULARGE_INTEGER at = U(kSentinel);
-  const HRESULT hr = this->m_stream->Seek(L(1), 3, &at);
+  const HRESULT hr = this->m_object->Seek(L(1), 3, &at);
   if constexpr (TypeParam::kPlatform) {
     EXPECT_HR(STG_E_SEEKERROR, hr) << "platform: a seek error";
     EXPECT_EQ(8u, at.QuadPart) << "platform: answers the current position";
@@ -128,14 +112,14 @@ TYPED_TEST(StreamContract, ABadOriginIsRefusedAndLeavesThePositionAlone) {
     EXPECT_EQ(0u, at.QuadPart) << "the new position is cleared first";
   }
   EXPECT_EQ(8u, this->SeekTo(0, STREAM_SEEK_CUR));
-  EXPECT_HR(S_OK, this->m_stream->Seek(L(2), STREAM_SEEK_SET, nullptr));
+  EXPECT_HR(S_OK, this->m_object->Seek(L(2), STREAM_SEEK_SET, nullptr));
   EXPECT_EQ(2u, this->SeekTo(0, STREAM_SEEK_CUR));
 }
 
 TYPED_TEST(StreamContract, NegativeMovesWrapAndTheStoreRefusesWhatFollows) {
   this->Write(Pattern(8));
   ULARGE_INTEGER at = U(kSentinel);
-  const HRESULT hr = this->m_stream->Seek(L(-1), STREAM_SEEK_SET, &at);
+  const HRESULT hr = this->m_object->Seek(L(-1), STREAM_SEEK_SET, &at);
   if constexpr (TypeParam::kPlatform) {
     EXPECT_HR(STG_E_SEEKERROR, hr) << "platform: refuses a position before the start";
   } else {
@@ -143,14 +127,14 @@ TYPED_TEST(StreamContract, NegativeMovesWrapAndTheStoreRefusesWhatFollows) {
     EXPECT_EQ(~0ull, at.QuadPart);
     BYTE byte = 0;
     ULONG count = kSentinel;
-    EXPECT_HR(STG_E_MEDIUMFULL, this->m_stream->Read(&byte, 1, &count));
+    EXPECT_HR(STG_E_MEDIUMFULL, this->m_object->Read(&byte, 1, &count));
     EXPECT_EQ(0u, count);
     count = kSentinel;
-    EXPECT_HR(STG_E_MEDIUMFULL, this->m_stream->Write(&byte, 1, &count));
+    EXPECT_HR(STG_E_MEDIUMFULL, this->m_object->Write(&byte, 1, &count));
     EXPECT_EQ(0u, count);
     EXPECT_EQ(~0ull, this->SeekTo(0, STREAM_SEEK_CUR)) << "failures do not move the position";
     EXPECT_EQ(8u, this->SeekTo(9, STREAM_SEEK_CUR)) << "and moving on wraps back";
-    EXPECT_EQ(std::max<ULONGLONG>(8, this->InitialEnd()), StatSize(this->m_stream));
+    EXPECT_EQ(std::max<ULONGLONG>(8, this->InitialEnd()), StatSize(this->m_object));
   }
 }
 
@@ -158,25 +142,25 @@ TYPED_TEST(StreamContract, StatIsTheStoresWithTheStreamType) {
   this->Write(Pattern(33));
   STATSTG stat;
   std::memset(&stat, 0xAB, sizeof stat);
-  EXPECT_HR(S_OK, this->m_stream->Stat(&stat, STATFLAG_NONAME));
+  EXPECT_HR(S_OK, this->m_object->Stat(&stat, STATFLAG_NONAME));
   EXPECT_EQ(static_cast<DWORD>(STGTY_STREAM), stat.type);
   EXPECT_EQ(std::max<ULONGLONG>(33, this->InitialEnd()), stat.cbSize.QuadPart);
   EXPECT_EQ(nullptr, stat.pwcsName);
 
-  const HRESULT named = this->m_stream->Stat(&stat, STATFLAG_DEFAULT);
+  const HRESULT named = this->m_object->Stat(&stat, STATFLAG_DEFAULT);
   if constexpr (TypeParam::kPlatform) {
     EXPECT_HR(S_OK, named) << "platform: answers a named Stat";
     CoTaskMemFree(stat.pwcsName);
   } else {
     EXPECT_HR(STG_E_INVALIDFLAG, named);
-    EXPECT_HR(STG_E_INVALIDPOINTER, this->m_stream->Stat(nullptr, STATFLAG_NONAME));
+    EXPECT_HR(STG_E_INVALIDPOINTER, this->m_object->Stat(nullptr, STATFLAG_NONAME));
   }
 }
 
 TYPED_TEST(StreamContract, ClonesShareTheBytesButKeepTheirOwnPositions) {
   this->Write(Pattern(50, 2));
   IStream* clone = nullptr;
-  ASSERT_HR(S_OK, this->m_stream->Clone(&clone));
+  ASSERT_HR(S_OK, this->m_object->Clone(&clone));
   ASSERT_NE(nullptr, clone);
   ULARGE_INTEGER at = U(kSentinel);
   EXPECT_HR(S_OK, clone->Seek(L(0), STREAM_SEEK_CUR, &at));
@@ -200,7 +184,7 @@ TYPED_TEST(StreamContract, ClonesShareTheBytesButKeepTheirOwnPositions) {
     EXPECT_HR(S_OK, info->GetThreadingModel(&model));
     EXPECT_EQ(TypeParam::kThreadingModel, model);
     info->Release();
-    EXPECT_HR(E_POINTER, this->m_stream->Clone(nullptr));
+    EXPECT_HR(E_POINTER, this->m_object->Clone(nullptr));
   }
   EXPECT_EQ(0u, clone->Release());
 }
@@ -213,14 +197,14 @@ TYPED_TEST(StreamContract, CopyToMovesSmallCountsWithoutAllocating) {
   this->SeekTo(0);
   this->m_spy.ClearRequests();
   ULARGE_INTEGER read = U(kSentinel), written = U(kSentinel);
-  EXPECT_HR(S_OK, this->m_stream->CopyTo(target, U(512), &read, &written));
+  EXPECT_HR(S_OK, this->m_object->CopyTo(target, U(512), &read, &written));
   EXPECT_EQ(512u, read.QuadPart);
   EXPECT_EQ(512u, written.QuadPart);
   EXPECT_THAT(this->m_spy.AllocRequests(), IsEmpty()) << "512 bytes fit the buffer inside the call";
 
   // More than is left: only what was read is written.
   this->m_spy.ClearRequests();
-  EXPECT_HR(S_OK, this->m_stream->CopyTo(target, U(1000), &read, &written));
+  EXPECT_HR(S_OK, this->m_object->CopyTo(target, U(1000), &read, &written));
   const ULONGLONG left = std::min<ULONGLONG>(1000, std::max<ULONGLONG>(600, this->InitialEnd()) - 512);
   EXPECT_EQ(left, read.QuadPart);
   EXPECT_EQ(left, written.QuadPart);
@@ -245,16 +229,16 @@ TYPED_TEST(StreamContract, CopyToRefusesNoTargetAndCountsOfFourGiB) {
   if constexpr (TypeParam::kPlatform) {
     GTEST_SKIP() << "platform: no NULL check, and copies everything for the largest count";
   } else {
-    EXPECT_HR(E_POINTER, this->m_stream->CopyTo(nullptr, U(4), &read, &written));
+    EXPECT_HR(E_POINTER, this->m_object->CopyTo(nullptr, U(4), &read, &written));
     EXPECT_EQ(0u, read.QuadPart);
     EXPECT_EQ(0u, written.QuadPart);
 
     IStream* target = nullptr;
     ASSERT_HR(S_OK, CreateStreamOnHGlobal(nullptr, TRUE, &target));
     read = written = U(kSentinel);
-    EXPECT_HR(STG_E_MEDIUMFULL, this->m_stream->CopyTo(target, U(~0ull), &read, &written))
+    EXPECT_HR(STG_E_MEDIUMFULL, this->m_object->CopyTo(target, U(~0ull), &read, &written))
         << "the copy-everything idiom does not fit in memory at once";
-    EXPECT_HR(STG_E_MEDIUMFULL, this->m_stream->CopyTo(target, U(k4GiB), nullptr, nullptr));
+    EXPECT_HR(STG_E_MEDIUMFULL, this->m_object->CopyTo(target, U(k4GiB), nullptr, nullptr));
     EXPECT_EQ(0u, read.QuadPart);
     EXPECT_EQ(0u, written.QuadPart);
     EXPECT_EQ(0u, this->SeekTo(0, STREAM_SEEK_CUR));
@@ -264,11 +248,11 @@ TYPED_TEST(StreamContract, CopyToRefusesNoTargetAndCountsOfFourGiB) {
 }
 
 TYPED_TEST(StreamContract, CommitRevertAndRegionLocksAnswerAsTheStoreDoes) {
-  EXPECT_HR(S_OK, this->m_stream->Commit(STGC_DEFAULT));
-  EXPECT_HR(S_OK, this->m_stream->Commit(STGC_DANGEROUSLYCOMMITMERELYTODISKCACHE));
-  EXPECT_HR(S_OK, this->m_stream->Revert());
-  EXPECT_HR(STG_E_INVALIDFUNCTION, this->m_stream->LockRegion(U(0), U(1), LOCK_WRITE));
-  const HRESULT unlock = this->m_stream->UnlockRegion(U(0), U(1), LOCK_WRITE);
+  EXPECT_HR(S_OK, this->m_object->Commit(STGC_DEFAULT));
+  EXPECT_HR(S_OK, this->m_object->Commit(STGC_DANGEROUSLYCOMMITMERELYTODISKCACHE));
+  EXPECT_HR(S_OK, this->m_object->Revert());
+  EXPECT_HR(STG_E_INVALIDFUNCTION, this->m_object->LockRegion(U(0), U(1), LOCK_WRITE));
+  const HRESULT unlock = this->m_object->UnlockRegion(U(0), U(1), LOCK_WRITE);
   if constexpr (TypeParam::kPlatform)
     EXPECT_HR(S_OK, unlock) << "platform: unlocking succeeds";
   else
