@@ -1,0 +1,83 @@
+// What the memory stores and the streams over them share as COM objects: one
+// reference count, one lock (both chosen by the thread-model policy), the
+// creation flags, and the same QueryInterface set: IUnknown and the object's
+// own interface, IThreadingInfo and ISaveToFile, nothing else.
+#pragma once
+
+#include <xkcombsd/Identifiers.h>
+#include <xkcombsd/MLLock.h>
+#include <xkcombsd/MORefCnt.h>
+#include <xkcombsd/Stores.h>
+#include <xkcombsd/ThreadModel.h>
+
+namespace xk::stores {
+
+// The stores and streams address 32 bits; any transfer or size that reaches
+// 4 GiB is refused with STG_E_MEDIUMFULL.
+constexpr ULONGLONG kAddressLimit = 0x100000000ull;
+
+template <class Primary, class ThreadModel, const IID* PrimaryIid>
+class StoreObject : public Primary,
+                    public IThreadingInfo,
+                    public ISaveToFile,
+                    public MORefCnt<ThreadModel> {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
+    if (!ppv) return E_POINTER;
+    if (iid == IID_IUnknown || iid == *PrimaryIid)
+      *ppv = static_cast<Primary*>(this);
+    else if (iid == IID_IThreadingInfo)
+      *ppv = static_cast<IThreadingInfo*>(this);
+    else if (iid == IID_ISaveToFile)
+      *ppv = static_cast<ISaveToFile*>(this);
+    else {
+      *ppv = NULL;
+      return E_NOINTERFACE;
+    }
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return this->InternalAddRef(); }
+  STDMETHODIMP_(ULONG) Release() override { return this->InternalRelease(); }
+
+  // Answers from the creation flags, not from the form: a clone of an unlocked
+  // stream is locked but keeps the flags it was cloned with.
+  STDMETHODIMP GetThreadingModel(DWORD* pModel) override {
+    if (!pModel) return E_POINTER;
+    auto guard = Locked();
+    *pModel = (m_flags & QVCLBOMF_NOLOCK) ? SingleThreaded::kThreadingModel
+                                          : MultiThreaded::kThreadingModel;
+    return S_OK;
+  }
+
+ protected:
+  explicit StoreObject(DWORD flags) : m_flags(flags) {}
+
+  // Holds the object's lock for the caller's scope; re-entrant in the locked
+  // form, so a method may call another that takes it again.
+  MLLock<typename ThreadModel::Lock> Locked() { return MLLock<typename ThreadModel::Lock>(&m_lock); }
+
+  const DWORD m_flags;  // read-only after construction
+
+ private:
+  typename ThreadModel::Lock m_lock;
+};
+
+// Calls make with the thread-model policy the flags ask for.
+template <class Make>
+HRESULT WithThreadModel(DWORD flags, Make make) {
+  return (flags & QVCLBOMF_NOLOCK) ? make(SingleThreaded{}) : make(MultiThreaded{});
+}
+
+// The end of every creation: a made object is queried into the caller's
+// out-pointer, and its creation reference is released whatever happened, so a
+// failed initialisation leaves nothing behind.
+template <class Object>
+HRESULT HandOut(Object* object, HRESULT initialised, REFIID iid, void** ppv) {
+  HRESULT hr = initialised;
+  if (SUCCEEDED(hr)) hr = object->QueryInterface(iid, ppv);
+  object->Release();
+  return hr;
+}
+
+}  // namespace xk::stores
