@@ -3,7 +3,9 @@
 // with regsvr32, reads a class name back from the registry, unregisters it
 // again, and shows the trace lines the library and its base library write to
 // the debugger output while it is loaded and unloaded.
+#include <xkcombsd/Collections.h>
 #include <xkcombsd/Guids.h>
+#include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Module.h>
 #include <xkcombsd/Strings.h>
 
@@ -78,8 +80,50 @@ void ShowClassName(decltype(&CoReg_GetClassNameA) getClassName) {
               hr, name, cch);
 }
 
+// A GUID to its registry text and back.
+void GuidRoundTrip(HMODULE library) {
+  auto toText = Export<decltype(&QvStringFromGUIDA)>(library, "QvStringFromGUIDA");
+  auto fromText = Export<decltype(&QvGUIDFromStringA)>(library, "QvGUIDFromStringA");
+  if (!toText || !fromText) return;
+  char text[39] = "";
+  GUID back = {};
+  const HRESULT written = toText(text, kEnumGUID);
+  const HRESULT parsed = fromText(&back, text);
+  std::printf("QvStringFromGUIDA: 0x%08lX \"%s\"; QvGUIDFromStringA: 0x%08lX, %s\n", written, text,
+              parsed, IsEqualGUID(back, kEnumGUID) ? "the same GUID" : "a different GUID");
+}
+
+// A registered class made by its ProgID, as any COM client would: an
+// EnumString filled through its collection face and listed through its
+// enumerator face.
+void ListEnumStringByProgID() {
+  CLSID clsid;
+  HRESULT hr = CLSIDFromProgID(L"QuorvelSoftware.EnumString", &clsid);
+  ICollString* collection = nullptr;
+  if (SUCCEEDED(hr))
+    hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_ICollString,
+                          reinterpret_cast<void**>(&collection));
+  std::printf("CoCreateInstance(\"QuorvelSoftware.EnumString\"): 0x%08lX\n", hr);
+  if (FAILED(hr)) return;
+  const LPCOLESTR items[] = {L"alpha", L"beta", L"gamma"};
+  collection->Add(items, 3);
+  IEnumString* names = nullptr;
+  if (SUCCEEDED(collection->_NewEnum(&names))) {
+    LPOLESTR name = nullptr;
+    while (names->Next(1, &name, nullptr) == S_OK) {
+      std::printf("  listed: %ls\n", name);
+      CoTaskMemFree(name);
+    }
+    names->Release();
+  }
+  collection->Release();
+  // COM loaded the library for this object; let it go again now it is unused.
+  CoFreeUnusedLibrariesEx(0, 0);
+}
+
 // The library registers itself under regsvr32; the client reads the name of
-// one of its classes back from the registry, before and after unregistering.
+// one of its classes back from the registry and makes one of its classes by
+// ProgID, then unregisters it again.
 void ShowRegistration(HMODULE library) {
   char path[MAX_PATH];
   const std::string file(path, GetModuleFileNameA(library, path, MAX_PATH));
@@ -87,6 +131,7 @@ void ShowRegistration(HMODULE library) {
   if (!getClassName) return;
   Regsvr32("", file);
   ShowClassName(getClassName);
+  ListEnumStringByProgID();
   Regsvr32("/u ", file);
   ShowClassName(getClassName);
 }
@@ -94,6 +139,7 @@ void ShowRegistration(HMODULE library) {
 }  // namespace
 
 int main() {
+  CoInitialize(nullptr);
   xktest::DebugOutputCapture capture;
   size_t shown = 0;
 
@@ -119,6 +165,7 @@ int main() {
   }
 
   BstrRoundTrip(library);
+  GuidRoundTrip(library);
   ShowRegistration(library);
 
   std::printf("Unloading XKComBsD.dll; its debugger output:\n");
