@@ -3,15 +3,15 @@
 #pragma once
 
 #include <stddef.h>
+#include <xkcombsd/Strings.h>
+
+#include "strings/MemoryPrimitives.h"
 
 namespace xk {
 
-template <class Char>
-size_t TextLength(const Char* text) {
-  size_t length = 0;
-  while (text[length]) ++length;
-  return length;
-}
+// The library's own string lengths, chosen by character width.
+inline size_t TextLength(const char* text) { return static_cast<size_t>(StrLenA(text)); }
+inline size_t TextLength(const wchar_t* text) { return static_cast<size_t>(StrLenO(text)); }
 
 // Copies at most maxChars characters of text and a terminator; returns the
 // end of the copy (its terminator), so copies can be chained.
