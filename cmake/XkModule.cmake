@@ -20,7 +20,7 @@ set(XK_EXPORTS_DIR  ${PROJECT_SOURCE_DIR}/tests/exports)
 # xk_add_module(<name> DEF <file> BASE <address> SOURCES ... [LIBRARIES ...])
 function(xk_add_module name)
   cmake_parse_arguments(ARG "" "DEF;BASE" "SOURCES;LIBRARIES" ${ARGN})
-  add_library(${name} SHARED ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/src/module/CompilerSupport.cpp)
+  add_library(${name} SHARED ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/src/frame/CompilerSupport.cpp)
   set_target_properties(${name} PROPERTIES PREFIX "" OUTPUT_NAME ${name})
   target_compile_options(${name} PRIVATE ${XK_MODULE_COMPILE_OPTIONS})
   target_compile_definitions(${name} PRIVATE

@@ -1,4 +1,5 @@
-// Owners of one platform value each: a BSTR, a task-allocator block, a VARIANT.
+// Owners of one platform value each: a BSTR, a task-allocator block, a VARIANT,
+// a file handle.
 // One template serves them all; a traits struct says what "empty" is and how the
 // value is let go, so a failure path frees exactly what the success path would
 // have handed out.
@@ -65,7 +66,16 @@ struct VariantTraits {
   static void Destroy(VARIANT& value) { VariantClear(&value); }
 };
 
+struct FileHandleTraits {
+  using Type = HANDLE;
+  static HANDLE Empty() { return INVALID_HANDLE_VALUE; }
+  static void Destroy(HANDLE file) {
+    if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+  }
+};
+
 using ScopedBstr = ScopedValue<BstrTraits>;
+using ScopedFile = ScopedValue<FileHandleTraits>;
 template <class T>
 using ScopedTaskMemory = ScopedValue<TaskMemoryTraits<T>>;
 using ScopedVariant = ScopedValue<VariantTraits>;

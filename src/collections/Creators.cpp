@@ -5,7 +5,7 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/Module.h>
 
-#include "EnumKinds.h"
+#include "collections/EnumKinds.h"
 
 namespace xk::collections {
 namespace {

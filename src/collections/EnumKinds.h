@@ -6,8 +6,9 @@
 
 #include <xkcombsd/Collections.h>
 
-#include "MOEnXXXX.h"
 #include <xkcombsd/Strings.h>
+
+#include "collections/MOEnXXXX.h"
 
 namespace xk::collections {
 
@@ -111,22 +112,5 @@ using EnumGUID = EnumSequence<GUID, GuidPolicy>;
 using EnumString = EnumSequence<LPOLESTR, StringPolicy>;
 using EnumUnknown = EnumSequence<LPUNKNOWN, UnknownPolicy>;
 using EnumVARIANT = EnumSequence<VARIANT, VariantPolicy>;
-
-// One element of a kind for the length of a scope: made empty by the kind's
-// InitElement, let go by its DestroyElement.
-template <class T, class Policy>
-class ScopedElement {
- public:
-  ScopedElement() { Policy::InitElement(&m_value); }
-  ~ScopedElement() { Policy::DestroyElement(&m_value); }
-  ScopedElement(const ScopedElement&) = delete;
-  ScopedElement& operator=(const ScopedElement&) = delete;
-
-  T* get() { return &m_value; }
-  T& operator*() { return m_value; }
-
- private:
-  T m_value;
-};
 
 }  // namespace xk::collections

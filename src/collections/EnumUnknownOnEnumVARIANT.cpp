@@ -9,13 +9,12 @@
 #include <xkcombsd/Collections.h>
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/MORefCnt.h>
+#include <xkcombsd/ScopedValue.h>
 
-#include "EnumKinds.h"
+#include "collections/EnumKinds.h"
 
 namespace xk::collections {
 namespace {
-
-using ScopedVariant = ScopedElement<VARIANT, VariantPolicy>;
 
 // Only a VARIANT holding an object by value qualifies (VT_BYREF does not);
 // object is borrowed from it.
@@ -120,9 +119,9 @@ class EnumUnknownOnEnumVARIANT : public IEnumUnknown, public MORefCnt<SingleThre
  private:
   HRESULT NextOne(IUnknown** rgelt, ULONG* pceltFetched) {
     ScopedVariant var;
-    const HRESULT fetched = m_inner->Next(1, var.get(), pceltFetched);
+    const HRESULT fetched = m_inner->Next(1, &var.get(), pceltFetched);
     if (FAILED(fetched) || fetched == S_FALSE) return fetched;
-    const HRESULT converted = ItemOf(*var, rgelt);
+    const HRESULT converted = ItemOf(var.get(), rgelt);
     return FAILED(converted) ? converted : fetched;
   }
 
@@ -149,19 +148,19 @@ class EnumUnknownOnEnumVARIANT : public IEnumUnknown, public MORefCnt<SingleThre
 
 // The next item of an IEnumUnknown, queried for riid.
 HRESULT QueryNextUnknown(IEnumUnknown* peu, REFIID riid, void** ppv) {
-  ScopedElement<LPUNKNOWN, UnknownPolicy> item;
-  const HRESULT fetched = peu->Next(1, item.get(), nullptr);
+  MLRelItf<IUnknown> item;
+  const HRESULT fetched = peu->Next(1, item.put(), nullptr);
   if (fetched != S_OK) return fetched;
-  return QueryItem(*item, riid, ppv);
+  return QueryItem(item.raw(), riid, ppv);
 }
 
 // The object of the next VARIANT of an IEnumVARIANT, queried for riid.
 HRESULT QueryNextVariant(IEnumVARIANT* pev, REFIID riid, void** ppv) {
   ScopedVariant var;
-  const HRESULT fetched = pev->Next(1, var.get(), nullptr);
+  const HRESULT fetched = pev->Next(1, &var.get(), nullptr);
   if (fetched != S_OK) return fetched;
   IUnknown* object = nullptr;
-  const HRESULT held = ObjectIn(*var, &object);
+  const HRESULT held = ObjectIn(var.get(), &object);
   if (FAILED(held)) return held;
   return QueryItem(object, riid, ppv);
 }

@@ -26,7 +26,7 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/MORefCnt.h>
 
-#include "module/Diagnostics.h"
+#include "frame/Diagnostics.h"
 
 namespace xk::collections {
 

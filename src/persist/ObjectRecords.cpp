@@ -5,7 +5,7 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/Persist.h>
 
-#include "StreamPositionGuard.h"
+#include "persist/StreamPositionGuard.h"
 
 namespace xk::persist {
 namespace {

@@ -1,5 +1,5 @@
 // The limit a loader puts on counts read from a stream.
-#include "RecordIO.h"
+#include "persist/RecordIO.h"
 
 namespace xk::persist {
 

@@ -4,8 +4,8 @@
 // it was, and they still name an array kind that no array record could carry.
 #include <xkcombsd/Persist.h>
 
-#include "RecordIO.h"
-#include "StreamPositionGuard.h"
+#include "persist/RecordIO.h"
+#include "persist/StreamPositionGuard.h"
 
 namespace xk::persist {
 namespace {

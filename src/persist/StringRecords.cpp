@@ -5,8 +5,8 @@
 #include <xkcombsd/Persist.h>
 #include <xkcombsd/ScopedValue.h>
 
-#include "RecordIO.h"
-#include "StreamPositionGuard.h"
+#include "persist/RecordIO.h"
+#include "persist/StreamPositionGuard.h"
 
 namespace xk::persist {
 

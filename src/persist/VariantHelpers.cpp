@@ -1,8 +1,9 @@
 // Small VARIANT and time helpers exported beside the VARIANT records.
 #include <xkcombsd/Persist.h>
+#include <xkcombsd/Strings.h>
 #include <xkcombsd/XKAssert.h>
 
-#include <xkcombsd/Strings.h>
+#include "frame/Win32Error.h"
 
 namespace xk::persist {
 namespace {
@@ -50,10 +51,7 @@ extern "C" void WINAPI VARIANT_InitBSTRW(VARIANT* pvar, LPCOLESTR psz) {
 extern "C" HRESULT WINAPI FileTimeToVariantTime(const FILETIME* pft, DATE* pdate) {
   if (!pft || !pdate) return E_POINTER;
   SYSTEMTIME broken;
-  if (!FileTimeToSystemTime(pft, &broken)) {
-    const DWORD error = GetLastError();
-    return error ? static_cast<HRESULT>((error & 0xFFFF) | 0x80070000u) : S_OK;
-  }
+  if (!FileTimeToSystemTime(pft, &broken)) return xk::HResultFromLastError();
   // SystemTimeToVariantTime only says no; the likely reason is a year past what a
   // DATE holds, hence an overflow.
   return SystemTimeToVariantTime(&broken, pdate) ? S_OK : DISP_E_OVERFLOW;

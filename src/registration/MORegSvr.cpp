@@ -6,9 +6,9 @@
 #include <xkcombsd/Registration.h>
 #include <xkcombsd/XKAssert.h>
 
-#include "registration/Registry.h"
-#include "strings/GuidText.h"
-#include "strings/TextPrimitives.h"
+#include "frame/RegistryValues.h"
+#include "strings/GuidKeyPath.h"
+#include "frame/RuntimePrimitives.h"
 
 namespace {
 

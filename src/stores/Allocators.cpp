@@ -1,7 +1,7 @@
 // The private-heap and task allocators. Every heap call passes
 // HEAP_NO_SERIALIZE: AllocatorBase already holds its lock around each
 // primitive, so the system's own serialisation would only cost time.
-#include "Allocators.h"
+#include "stores/Allocators.h"
 
 namespace xk::stores {
 

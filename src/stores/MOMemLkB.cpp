@@ -3,10 +3,15 @@
 // allocator: growth is exact, with no spare capacity, and grown bytes are not
 // cleared. A fixed store (one caller buffer, or a list of them) only moves its
 // size between 0 and the caller's size. Every store addresses 32 bits.
+#include <xkcombsd/ScopedValue.h>
 #include <xkcombsd/Stores.h>
 
-#include "Allocators.h"
-#include "StoreObject.h"
+#include <utility>
+
+#include "frame/HandOut.h"
+#include "frame/Win32Error.h"
+#include "stores/Allocators.h"
+#include "stores/StoreObject.h"
 
 namespace xk::stores {
 
@@ -31,8 +36,6 @@ HRESULT CheckTransfer(ULARGE_INTEGER offset, const void* pv, ULONG cb, ULONG* pc
   const bool inRange = offset.QuadPart < kAddressLimit && offset.QuadPart + cb < kAddressLimit;
   return inRange ? S_OK : STG_E_MEDIUMFULL;
 }
-
-HRESULT HResultFromLastError() { return HRESULT_FROM_WIN32(GetLastError()); }
 
 // The ILockBytes contract both store classes keep; Derived supplies the bytes
 // (CopyOut, CopyIn) and the change of size (Resize), called under the lock
@@ -126,9 +129,9 @@ class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, T
   friend Base;
 
  public:
-  // Takes over the creator's reference to allocator (NULL for a caller's buffer).
-  MemoryLockBytes(DWORD flags, IAllocator* allocator)
-      : Base(flags), m_allocator(allocator, false) {}
+  // Takes over the creator's reference to allocator (empty for a caller's buffer).
+  MemoryLockBytes(DWORD flags, MLRelItf<IAllocator>&& allocator)
+      : Base(flags), m_allocator(std::move(allocator)) {}
 
   HRESULT Initialise(void* pv, ULONG siInitial, ULONG siMax) {
     if (!m_allocator && (!pv || siInitial == 0)) return E_INVALIDARG;
@@ -148,18 +151,18 @@ class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, T
   STDMETHODIMP SaveToFile(LPCWSTR fileName, DWORD creationDisposition, DWORD) override {
     if (!fileName || !*fileName) return E_INVALIDARG;
     const bool existed = GetFileAttributesW(fileName) != INVALID_FILE_ATTRIBUTES;
-    HANDLE file = CreateFileW(fileName, GENERIC_WRITE, 0, NULL, creationDisposition, 0, NULL);
-    if (file == INVALID_HANDLE_VALUE) return HResultFromLastError();
+    ScopedFile file(CreateFileW(fileName, GENERIC_WRITE, 0, NULL, creationDisposition, 0, NULL));
+    if (file.get() == INVALID_HANDLE_VALUE) return HResultFromLastError();
     HRESULT hr = S_OK;
     {
       auto guard = this->Locked();
       // An empty store has no buffer; WriteFile still wants a readable address.
       BYTE none = 0;
       DWORD written = 0;
-      if (!WriteFile(file, m_buffer ? m_buffer : &none, this->m_si, &written, NULL))
+      if (!WriteFile(file.get(), m_buffer ? m_buffer : &none, this->m_si, &written, NULL))
         hr = HResultFromLastError();
     }
-    CloseHandle(file);
+    file.Reset();  // closed before a failed save may delete it
     if (FAILED(hr) && !existed) DeleteFileW(fileName);
     return hr;
   }
@@ -274,35 +277,34 @@ class BlockLockBytes final : public MemoryStore<BlockLockBytes<ThreadModel>, Thr
 
 // ---- creation ----
 
-HRESULT CreateMemoryLockBytes(IAllocator* allocator, DWORD flags, void* pv, ULONG siInitial,
-                              ULONG siMax, ILockBytes** pplb) {
+// A store that cannot be made never ran its constructor, so the allocator is
+// still in the holder, which releases it.
+HRESULT CreateMemoryLockBytes(MLRelItf<IAllocator> allocator, DWORD flags, void* pv,
+                              ULONG siInitial, ULONG siMax, ILockBytes** pplb) {
   return WithThreadModel(flags, [&](auto model) -> HRESULT {
-    auto* store = new MemoryLockBytes<decltype(model)>(flags, allocator);
+    auto* store = new MemoryLockBytes<decltype(model)>(flags, std::move(allocator));
     if (!store) {
       if (allocator) {
         OutputDebugStringA("Releasing the allocator here!\n");
         Verify(false, {kSource, 1272, "0"});
-        allocator->Release();
       }
       return E_OUTOFMEMORY;
     }
-    return HandOut(store, store->Initialise(pv, siInitial, siMax), IID_ILockBytes,
-                   reinterpret_cast<void**>(pplb));
+    return HandOut(store, IID_ILockBytes, reinterpret_cast<void**>(pplb),
+                   store->Initialise(pv, siInitial, siMax));
   });
 }
 
-// The allocator a growable store will own, with the reference it owns; NULL
+// The allocator a growable store will own, with the reference it owns; empty
 // when the allocator object cannot be made. *builtIn is set when it is one of
 // the library's own.
-IAllocator* MakeAllocator(DWORD flags, ULONG_PTR allocSource, void* pv, AllocatorBase** builtIn) {
+MLRelItf<IAllocator> MakeAllocator(DWORD flags, ULONG_PTR allocSource, void* pv,
+                                   AllocatorBase** builtIn) {
   const bool adopt = (flags & QVCLBOMF_ADOPT) != 0;
   const DWORD kind = flags & QVCLBOMF_TYPEMASK;
   *builtIn = NULL;
-  if (kind == QVCLBOMF_ALLOCATOR && allocSource) {
-    IAllocator* callers = reinterpret_cast<IAllocator*>(allocSource);
-    if (!adopt) callers->AddRef();
-    return callers;
-  }
+  if (kind == QVCLBOMF_ALLOCATOR && allocSource)
+    return MLRelItf<IAllocator>(reinterpret_cast<IAllocator*>(allocSource), !adopt);
   if (kind == QVCLBOMF_PRIVATEHEAP) {
     *builtIn = new HeapAllocator(reinterpret_cast<HANDLE>(allocSource), adopt);
   } else {
@@ -311,27 +313,24 @@ IAllocator* MakeAllocator(DWORD flags, ULONG_PTR allocSource, void* pv, Allocato
     if (task && pv) task->Acquire();
     *builtIn = task;
   }
-  return *builtIn ? (*builtIn)->Interface() : NULL;
+  return MLRelItf<IAllocator>(*builtIn ? (*builtIn)->Interface() : NULL, false);
 }
 
 HRESULT CreateGrowableLockBytes(void* pv, ULONG si, DWORD flags, ULONG_PTR allocSource,
                                 ILockBytes** pplb) {
   AllocatorBase* builtIn;
-  IAllocator* allocator = MakeAllocator(flags, allocSource, pv, &builtIn);
+  MLRelItf<IAllocator> allocator = MakeAllocator(flags, allocSource, pv, &builtIn);
   if (!allocator) return E_OUTOFMEMORY;
   const ULONG siInitial = pv ? allocator->GetSize(pv) : (flags & QVCLBOMF_SIINIT) ? si : 0;
   // A block whose size the allocator cannot tell cannot become a store: it
   // would claim 4 GiB of bytes.
-  if (siInitial == QV_ALLOCATOR_UNKNOWN_SIZE) {
-    allocator->Release();
-    return E_INVALIDARG;
-  }
+  if (siInitial == QV_ALLOCATOR_UNKNOWN_SIZE) return E_INVALIDARG;
   // The store will free pv through this allocator: count it as one of its blocks.
   if (builtIn && pv && !(flags & QVCLBOMF_NOFREE)) builtIn->TakeOverBlock();
   const ULONG siMax = (flags & QVCLBOMF_SIMAX) ? si : 0;
   Verify((flags & QVCLBOMF_SIINIT) == 0 || si == 0,
          {kSource, 1370, "(flags & QVCLBOMF_SIINIT) == 0 || si == 0"});
-  return CreateMemoryLockBytes(allocator, flags, pv, siInitial, siMax, pplb);
+  return CreateMemoryLockBytes(std::move(allocator), flags, pv, siInitial, siMax, pplb);
 }
 
 HRESULT CreateBlockListLockBytes(const LOCKBYTESBLOCK* blocks, ULONG si, DWORD flags,
@@ -349,8 +348,8 @@ HRESULT CreateBlockListLockBytes(const LOCKBYTESBLOCK* blocks, ULONG si, DWORD f
   return WithThreadModel(flags, [&](auto model) -> HRESULT {
     auto* store = new BlockLockBytes<decltype(model)>(flags);
     if (!store) return E_OUTOFMEMORY;
-    return HandOut(store, store->Initialise(blocks, end, si, si), IID_ILockBytes,
-                   reinterpret_cast<void**>(pplb));
+    return HandOut(store, IID_ILockBytes, reinterpret_cast<void**>(pplb),
+                   store->Initialise(blocks, end, si, si));
   });
 }
 
@@ -403,7 +402,7 @@ extern "C" HRESULT WINAPI CreateLockBytesOnMemory(void* pv, ULONG si, DWORD flag
     case QVCLBOMF_FIXEDBLOCK: {
       const bool sizedByMaximumOnly = (flags & QVCLBOMF_SIMAX) && !(flags & QVCLBOMF_SIINIT);
       // An initial size of 0 for a caller's buffer is refused by the store.
-      return CreateMemoryLockBytes(NULL, flags, pv, sizedByMaximumOnly ? 0 : si, si, pplb);
+      return CreateMemoryLockBytes({}, flags, pv, sizedByMaximumOnly ? 0 : si, si, pplb);
     }
     case QVCLBOMF_BLOCKLIST:
       return CreateBlockListLockBytes(static_cast<const LOCKBYTESBLOCK*>(pv), si, flags, pplb);

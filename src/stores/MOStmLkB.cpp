@@ -5,7 +5,8 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/Stores.h>
 
-#include "StoreObject.h"
+#include "frame/HandOut.h"
+#include "stores/StoreObject.h"
 
 namespace xk::stores {
 
@@ -181,9 +182,8 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
 template <class ThreadModel>
 HRESULT MakeStream(ILockBytes* lockBytes, DWORD flags, ULONGLONG position, ULONGLONG size,
                    IStream** ppstm) {
-  auto* stream = new StreamOnLockBytes<ThreadModel>(flags, lockBytes, position, size);
-  if (!stream) return E_OUTOFMEMORY;
-  return HandOut(stream, S_OK, IID_IStream, reinterpret_cast<void**>(ppstm));
+  return HandOut(new StreamOnLockBytes<ThreadModel>(flags, lockBytes, position, size), IID_IStream,
+                 reinterpret_cast<void**>(ppstm));
 }
 
 HRESULT CreateStream(ILockBytes* plkbyt, DWORD flags, IStream** ppstm) {

@@ -69,15 +69,4 @@ HRESULT WithThreadModel(DWORD flags, Make make) {
   return (flags & QVCLBOMF_NOLOCK) ? make(SingleThreaded{}) : make(MultiThreaded{});
 }
 
-// The end of every creation: a made object is queried into the caller's
-// out-pointer, and its creation reference is released whatever happened, so a
-// failed initialisation leaves nothing behind.
-template <class Object>
-HRESULT HandOut(Object* object, HRESULT initialised, REFIID iid, void** ppv) {
-  HRESULT hr = initialised;
-  if (SUCCEEDED(hr)) hr = object->QueryInterface(iid, ppv);
-  object->Release();
-  return hr;
-}
-
 }  // namespace xk::stores

@@ -11,7 +11,7 @@
 #include <xkcombsd/Strings.h>
 #include <xkcombsd/XKAssert.h>
 
-#include "strings/MemoryPrimitives.h"
+#include "frame/RuntimePrimitives.h"
 #include "strings/StringsInternal.h"
 
 namespace xk::strings {

@@ -5,8 +5,9 @@
 #include <xkcombsd/Guids.h>
 #include <xkcombsd/XKAssert.h>
 
-#include "registration/Registry.h"
-#include "strings/GuidText.h"
+#include "frame/RegistryValues.h"
+#include "frame/Win32Error.h"
+#include "strings/GuidKeyPath.h"
 
 namespace {
 
@@ -22,10 +23,6 @@ bool CheckedUsable(bool present, bool readable, int line, const char* presentTex
   return isPresent && isReadable;
 }
 
-HRESULT HResultOfRegistry(LONG error) {
-  return error == ERROR_SUCCESS ? S_OK : static_cast<HRESULT>(0x80070000u | (error & 0xFFFF));
-}
-
 template <class Api>
 HRESULT GetClassNameOf(REFCLSID clsid, typename Api::Char* name, DWORD* pcch) {
   if (!pcch) return E_POINTER;  // nowhere to take the room from or report a size to
@@ -37,7 +34,7 @@ HRESULT GetClassNameOf(REFCLSID clsid, typename Api::Char* name, DWORD* pcch) {
   const LONG rc = xk::registry::QueryStringValue<Api>(HKEY_CLASSES_ROOT, path, nullptr, name, &cch,
                                                       KEY_QUERY_VALUE, nullptr);
   if (rc == ERROR_SUCCESS || rc == ERROR_MORE_DATA) *pcch = cch;
-  return HResultOfRegistry(rc);
+  return xk::HResultFromWin32(rc);
 }
 
 }  // namespace

@@ -1,17 +1,13 @@
 // OLE strings: zero-terminated wide strings on the COM task allocator, always
-// allocated with room for exactly their characters and a terminator; the three
-// questions the library puts to the task allocator; and the wide-string and
-// memory primitives the library exports in place of a language runtime.
+// allocated with room for exactly their characters and a terminator.
 //
 // NULL sources give NULL strings and allocation failures give NULL; nothing here
 // reports an error any other way, except a broken contract of OleString_Destroy.
-#include <xkcombsd/LateBound.h>
-#include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/Strings.h>
 #include <xkcombsd/XKAssert.h>
 
-#include "module/Diagnostics.h"
-#include "strings/MemoryPrimitives.h"
+#include "frame/Diagnostics.h"
+#include "frame/RuntimePrimitives.h"
 #include "strings/StringsInternal.h"
 
 namespace xk::strings {
@@ -19,20 +15,6 @@ namespace xk::strings {
 namespace {
 
 constexpr char kSource[] = "MOOleStr";
-
-// Holds the task allocator while one question is put to it; on failure writes
-// failureTrace and hands back the getter's code.
-template <typename Question>
-HRESULT AskTaskAllocator(GetTaskAllocator get, const char* failureTrace, Question question) {
-  MLRelItf<IMalloc> allocator;
-  const HRESULT hr = get(MEMCTX_TASK, allocator.put());
-  if (FAILED(hr)) {
-    DebugTraceA(failureTrace);
-    return hr;
-  }
-  question(allocator.get());
-  return hr;
-}
 
 LPOLESTR AllocateOleString(size_t cch) {
   if (!FitsByteCount(cch)) return nullptr;
@@ -59,35 +41,6 @@ LPOLESTR CopyInto(LPOLESTR p, LPCOLESTR s, int cch) {
 
 }  // namespace
 
-bool LoadResourceText(HINSTANCE hinst, UINT id, char (&text)[kResourceChars]) {
-  return LB_LoadStringA(hinst, id, text, kResourceChars) != 0;
-}
-
-bool LoadResourceText(HINSTANCE hinst, UINT id, OLECHAR (&text)[kResourceChars]) {
-  return LB_LoadStringW(hinst, id, text, kResourceChars) != 0;
-}
-
-int DidAlloc(GetTaskAllocator get, void* pv) {
-  int answer = -1;
-  AskTaskAllocator(get, "CoTaskMemDidAlloc: failed to get COM task allocator!\n",
-                   [&](IMalloc* allocator) { answer = allocator->DidAlloc(pv); });
-  return answer;
-}
-
-// A block beyond 4 GiB on x86_64 is reported cut to 32 bits, as the export's
-// ULONG result allows.
-ULONG GetSize(GetTaskAllocator get, void* pv) {
-  ULONG size = 0;
-  AskTaskAllocator(get, "CoTaskMemGetSize: failed to get COM task allocator!\n",
-                   [&](IMalloc* allocator) { size = static_cast<ULONG>(allocator->GetSize(pv)); });
-  return size;
-}
-
-HRESULT HeapMinimise(GetTaskAllocator get) {
-  return AskTaskAllocator(get, "CoTaskMemHeapMinimise: failed to get COM task allocator!\n",
-                          [](IMalloc* allocator) { allocator->HeapMinimize(); });
-}
-
 void DestroyOleString(GetTaskAllocator get, LPOLESTR* pstr) {
   if (!Verify(pstr != nullptr, {kSource, 233, "&rstr"})) return;
   if (!*pstr) return;
@@ -106,15 +59,6 @@ void DestroyOleString(GetTaskAllocator get, LPOLESTR* pstr) {
 }  // namespace xk::strings
 
 using namespace xk::strings;
-
-// ---- CoTaskMemDidAlloc -------------------------------------------------------
-extern "C" int WINAPI CoTaskMemDidAlloc(void* pv) { return DidAlloc(CoGetMalloc, pv); }
-
-// ---- CoTaskMemGetSize --------------------------------------------------------
-extern "C" ULONG WINAPI CoTaskMemGetSize(void* pv) { return GetSize(CoGetMalloc, pv); }
-
-// ---- CoTaskMemHeapMinimise ---------------------------------------------------
-extern "C" HRESULT WINAPI CoTaskMemHeapMinimise() { return HeapMinimise(CoGetMalloc); }
 
 // ---- OleString_CreateA -------------------------------------------------------
 extern "C" LPOLESTR WINAPI OleString_CreateA(LPCSTR s, int cch) {
@@ -175,50 +119,3 @@ extern "C" LPOLESTR WINAPI OleString_Dup(LPCOLESTR s) {
 
 // ---- OleString_Destroy -------------------------------------------------------
 extern "C" void WINAPI OleString_Destroy(LPOLESTR* pstr) { DestroyOleString(CoGetMalloc, pstr); }
-
-// ---- StrLenO -----------------------------------------------------------------
-extern "C" int WINAPI StrLenO(LPCOLESTR s) {
-  if (!s) return 0;
-  LPCOLESTR end = s;
-  while (*end) ++end;
-  return static_cast<int>(end - s);
-}
-
-// ---- StrCpyO -----------------------------------------------------------------
-extern "C" LPOLESTR WINAPI StrCpyO(LPOLESTR dst, LPCOLESTR src) {
-  if (!dst) return dst;
-  LPOLESTR to = dst;
-  if (src)
-    while ((*to++ = *src++) != 0) {
-    }
-  else
-    *to = 0;
-  return dst;
-}
-
-// ---- StrNCpyO ----------------------------------------------------------------
-extern "C" LPOLESTR WINAPI StrNCpyO(LPOLESTR dst, LPCOLESTR src, int n) {
-  if (!dst) return dst;
-  int i = 0;
-  if (src)
-    for (; i < n && src[i]; ++i) dst[i] = src[i];
-  for (; i < n; ++i) dst[i] = 0;
-  return dst;
-}
-
-// ---- StrCmpO -----------------------------------------------------------------
-extern "C" int WINAPI StrCmpO(LPCOLESTR a, LPCOLESTR b) {
-  static constexpr OLECHAR kEmpty[] = {0};
-  if (!a) a = kEmpty;
-  if (!b) b = kEmpty;
-  size_t i = 0;
-  while (a[i] && a[i] == b[i]) ++i;
-  // OLECHAR is unsigned 16-bit, so the difference cannot overflow.
-  return static_cast<int>(b[i]) - static_cast<int>(a[i]);
-}
-
-// ---- MemMove -----------------------------------------------------------------
-extern "C" void* WINAPI MemMove(void* dst, const void* src, UINT n) {
-  if (!dst || !src) return dst;
-  return xk::MemMove(dst, src, n);
-}

@@ -4,7 +4,7 @@
 #include <string>
 #include <xkcombsd/Strings.h>
 
-#include "StringResources.h"
+#include "ResourceStringIds.h"
 #include "StringsFixture.h"
 
 using ::testing::IsEmpty;

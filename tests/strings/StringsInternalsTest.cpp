@@ -13,7 +13,7 @@
 #include "DebugOutput.h"
 #include "HResult.h"
 #include "MallocSpy.h"
-#include "strings/MemoryPrimitives.h"
+#include "frame/RuntimePrimitives.h"
 #include "strings/StringsInternal.h"
 
 using ::testing::ElementsAre;

@@ -1,7 +1,7 @@
 // The library's entry point and module-wide answers: process attach and detach
 // in their fixed order with a trace line for every call, DllCanUnloadNow, the
 // version queries and the general interface probe.
-#include "Module.h"
+#include "server/ModuleState.h"
 
 #include <XKCmnBaD.h>
 #include <xkcombsd/Identifiers.h>
@@ -9,7 +9,7 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/Module.h>
 
-#include "Diagnostics.h"
+#include "frame/Diagnostics.h"
 
 namespace xk::module {
 

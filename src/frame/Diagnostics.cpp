@@ -1,6 +1,6 @@
 // Debug traces, formatted through the late-bound formatters of the user-interface
 // library and written to the debugger output.
-#include "Diagnostics.h"
+#include "frame/Diagnostics.h"
 
 #include <XKIdTrcD.h>
 #include <stdarg.h>

@@ -8,7 +8,7 @@
 #include <xkcombsd/MILock.h>
 #include <xkcombsd/MORefCnt.h>
 
-#include "ClassTable.h"
+#include "server/ClassTable.h"
 
 namespace xk::module {
 

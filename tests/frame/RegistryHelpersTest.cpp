@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "RegistryProbe.h"
-#include "registration/Registry.h"
+#include "frame/RegistryValues.h"
 
 using ::testing::ElementsAre;
 using ::testing::Optional;

@@ -7,7 +7,7 @@
 #include <xkcombsd/LateBound.h>
 #include <xkcombsd/RegKey.h>
 
-#include "strings/TextPrimitives.h"
+#include "frame/RuntimePrimitives.h"
 
 namespace xk::registry {
 

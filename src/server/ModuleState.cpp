@@ -1,6 +1,6 @@
 // The module state and the answer it gives to DllCanUnloadNow. Kept apart from
 // the entry point so that the library's own objects can be tested without it.
-#include "Module.h"
+#include "server/ModuleState.h"
 
 namespace xk::module {
 

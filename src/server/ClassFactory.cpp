@@ -1,6 +1,6 @@
 // The class object of every row of the class table, and the search that hands
 // one out.
-#include "ClassFactory.h"
+#include "server/ClassFactory.h"
 
 #include <xkcombsd/Atomic.h>
 #include <xkcombsd/MLRelItf.h>
@@ -8,7 +8,8 @@
 
 #include <utility>
 
-#include "Module.h"
+#include "frame/HandOut.h"
+#include "server/ModuleState.h"
 
 namespace xk::module {
 
@@ -99,11 +100,7 @@ HRESULT GetClassObject(const ClassRow* table, REFCLSID rclsid, REFIID riid, void
   if (!ppv) return E_POINTER;
   const ClassRow* row = FindClassRow(table, rclsid);
   if (!row) return CLASS_E_CLASSNOTAVAILABLE;  // *ppv stays as the caller left it
-  MLRelItf<IClassFactory> factory(ClassFactory::Create(row), false);
-  if (!factory) return E_OUTOFMEMORY;
-  // The creation reference goes with the holder: the caller keeps the only
-  // one on success, and a refused interface takes the object with it.
-  return factory->QueryInterface(riid, ppv);
+  return HandOut(ClassFactory::Create(row), riid, ppv);
 }
 
 }  // namespace xk::module

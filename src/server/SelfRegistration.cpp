@@ -6,8 +6,8 @@
 #include <xkcombsd/Module.h>
 #include <xkcombsd/Registration.h>
 
-#include "Module.h"
-#include "registration/Registry.h"
+#include "server/ModuleState.h"
+#include "frame/RegistryValues.h"
 
 namespace xk::module {
 

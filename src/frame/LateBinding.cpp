@@ -1,6 +1,6 @@
 // Finding system functions on first use: one handle per system library, one
 // address per entry point, each looked up once and kept for the process's life.
-#include "LateBound.h"
+#include "frame/LateBinding.h"
 
 
 namespace xk::latebound {

@@ -1,7 +1,7 @@
 // The few C runtime functions the compiler emits calls to on its own (block
 // copies, zero-fills and comparisons). The modules link no language runtime,
 // so each carries these, as thin doors to the library's own primitives.
-#include "../strings/MemoryPrimitives.h"
+#include "RuntimePrimitives.h"  // same folder: every module compiles this file
 
 extern "C" {
 

@@ -8,8 +8,8 @@
 #include "DebugOutput.h"
 #include "FakeUnknown.h"
 #include "HResult.h"
-#include "module/ClassFactory.h"
-#include "module/Module.h"
+#include "server/ClassFactory.h"
+#include "server/ModuleState.h"
 
 using ::testing::ElementsAre;
 using xk::module::ClassFactory;

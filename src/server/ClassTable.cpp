@@ -2,7 +2,7 @@
 #include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Module.h>
 
-#include "ClassTable.h"
+#include "server/ClassTable.h"
 #include "collections/CollectionRows.h"
 
 namespace xk::module {

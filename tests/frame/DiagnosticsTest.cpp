@@ -4,7 +4,7 @@
 #include <string>
 
 #include "DebugOutput.h"
-#include "module/Diagnostics.h"
+#include "frame/Diagnostics.h"
 
 using ::testing::ElementsAre;
 using xktest::DebugOutputCapture;

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "module/LateBound.h"
+#include "frame/LateBinding.h"
 
 using xk::latebound::Entry;
 using xk::latebound::EntryName;

@@ -4,7 +4,7 @@
 #include <stdarg.h>
 #include <xkcombsd/LateBound.h>
 
-#include "LateBound.h"
+#include "frame/LateBinding.h"
 
 #ifdef _WIN64
 // x86_64 has one calling convention; the attributes GCC drops from these

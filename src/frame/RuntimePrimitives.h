@@ -1,8 +1,7 @@
-// The library's own byte and narrow-string primitives. The modules carry no
-// language runtime, so these are the one implementation behind both the
-// library's code and the block copies, fills and comparisons the compiler emits
-// (src/module/CompilerSupport.cpp forwards memcpy, memmove, memset and memcmp
-// here). Every module compiles them with -fno-tree-loop-distribute-patterns, so
+// The library's own byte and text primitives. The modules carry no language
+// runtime, so these are the one implementation behind both the library's code
+// and the block copies, fills and comparisons the compiler emits
+// (CompilerSupport.cpp forwards memcpy, memmove, memset and memcmp here). Every module compiles them with -fno-tree-loop-distribute-patterns, so
 // the loops below are never turned back into calls to those functions.
 //
 // Kept free of platform headers: the sibling libraries include this file too.
@@ -13,11 +12,24 @@
 
 namespace xk {
 
-// Byte length of a zero-terminated narrow string.
-inline int StrLenA(const char* s) {
-  const char* end = s;
+// Characters before the terminator of a zero-terminated string of either width.
+template <class Char>
+size_t TextLength(const Char* text) {
+  const Char* end = text;
   while (*end) ++end;
-  return static_cast<int>(end - s);
+  return static_cast<size_t>(end - text);
+}
+
+// Byte length of a zero-terminated narrow string.
+inline int StrLenA(const char* s) { return static_cast<int>(TextLength(s)); }
+
+// Copies at most maxChars characters of text and a terminator; returns the
+// end of the copy (its terminator), so copies can be chained.
+template <class Char>
+Char* CopyCut(Char* dest, const Char* text, size_t maxChars) {
+  for (size_t i = 0; i < maxChars && text[i]; ++i) *dest++ = text[i];
+  *dest = 0;
+  return dest;
 }
 
 // Forward byte copy; returns dst.
