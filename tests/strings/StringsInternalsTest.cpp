@@ -1,16 +1,18 @@
 // The strings subsystem from inside: the byte primitives against reference
 // results for every alignment, the narrow-to-wide copy's inside/heap boundary,
-// system-message trimming, and the task-allocator questions when the allocator
-// cannot be had or answers otherwise than the platform's would.
+// system-message trimming, the task-allocator questions when the allocator
+// cannot be had or answers otherwise than the platform's would, and
+// auto_buffer's storage, field layout and every report it makes (broken
+// invariants are forced by writing its fields directly).
 #include <gmock/gmock.h>
+#include <xkcombsd/auto_buffer.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "DebugOutput.h"
+#include "FakeMalloc.h"
 #include "HResult.h"
 #include "MallocSpy.h"
 #include "frame/RuntimePrimitives.h"
@@ -24,7 +26,13 @@ using xktest::DebugOutputCapture;
 namespace {
 
 constexpr unsigned char kGuard = 0xCC;
-constexpr size_t kArena = 64;
+
+// A system message with its trailing run trimmed, read up to its first zero.
+std::string Trimmed(std::string text) {
+  text.push_back('\0');
+  xk::strings::TrimMessageEnd(&text[0], static_cast<DWORD>(text.size() - 1));
+  return text.c_str();
+}
 
 }  // namespace
 
@@ -33,14 +41,12 @@ TEST(MemFill, FillsExactlyTheRangeForEveryAlignmentAndLength) {
   for (size_t offset = 0; offset < 8; ++offset)
     for (size_t length = 0; length <= 40; ++length)
       for (unsigned char byte : {0x00, 0x5A, 0xFF}) {
-        alignas(8) unsigned char arena[kArena];
+        alignas(8) unsigned char arena[64];
         std::memset(arena, kGuard, sizeof arena);
         EXPECT_EQ(arena + offset, xk::MemFill(arena + offset, byte, length));
-        for (size_t i = 0; i < kArena; ++i) {
-          const bool inside = i >= offset && i < offset + length;
-          ASSERT_EQ(inside ? byte : kGuard, arena[i])
+        for (size_t i = 0; i < sizeof arena; ++i)
+          ASSERT_EQ(i >= offset && i < offset + length ? byte : kGuard, arena[i])
               << "offset " << offset << ", length " << length << ", byte " << i;
-        }
       }
 }
 
@@ -60,18 +66,13 @@ TEST(MemMove, MatchesAReferenceCopyForEveryOverlap) {
       }
 }
 
-TEST(MemCompare, GivesTheFirstDifferenceOfUnsignedBytes) {
-  EXPECT_EQ(0, xk::MemCompare("abcd", "abcd", 4));
+TEST(MemCompareAndStrLenA, CountUnsignedBytes) {
   EXPECT_EQ(0, xk::MemCompare("abcX", "abcY", 3));
   EXPECT_EQ('X' - 'Y', xk::MemCompare("abcX", "abcY", 4));
   EXPECT_EQ(0x80 - 0x01, xk::MemCompare("\x80", "\x01", 1)) << "bytes are unsigned";
   EXPECT_EQ(0x01 - 0xFF, xk::MemCompare("a\x01z", "a\xFF" "a", 3)) << "the first difference decides";
   EXPECT_EQ(0, xk::MemCompare(nullptr, nullptr, 0));
-}
-
-TEST(StrLenA, CountsBytesBeforeTheTerminator) {
   EXPECT_EQ(0, xk::StrLenA(""));
-  EXPECT_EQ(3, xk::StrLenA("abc"));
   EXPECT_EQ(1, xk::StrLenA("a\0bc"));
   EXPECT_EQ(2, xk::StrLenA("\xE9\xFC"));
 }
@@ -85,13 +86,10 @@ TEST(WideCopy, UpTo511CharactersStayInsideAndLongerTextTakesTheHeap) {
     EXPECT_EQ(length >= 512, copy.OnHeap()) << length;
     EXPECT_EQ(std::wstring(length, L'k') + L'\0', std::wstring(copy.get(), length + 1)) << length;
   }
+  xk::strings::WideCopy withZero("a\0b", 3);
+  ASSERT_TRUE(withZero.ok());
+  EXPECT_EQ(std::wstring(L"a\0b\0", 4), std::wstring(withZero.get(), 4)) << "zeros inside the count convert";
   EXPECT_THAT(capture.Assertions(), IsEmpty());
-}
-
-TEST(WideCopy, ConvertsZerosInsideTheCountAndTerminates) {
-  xk::strings::WideCopy copy("a\0b", 3);
-  ASSERT_TRUE(copy.ok());
-  EXPECT_EQ(std::wstring(L"a\0b\0", 4), std::wstring(copy.get(), 4));
 }
 
 TEST(WideCopy, ACountBeyondA32BitSizeIsRefusedWithoutReadingOrReports) {
@@ -106,16 +104,6 @@ TEST(WideCopy, ACountBeyondA32BitSizeIsRefusedWithoutReadingOrReports) {
   EXPECT_THAT(capture.Assertions(), IsEmpty());
 }
 
-namespace {
-
-std::string Trimmed(std::string text) {
-  text.push_back('\0');
-  xk::strings::TrimMessageEnd(&text[0], static_cast<DWORD>(text.size() - 1));
-  return text.c_str();
-}
-
-}  // namespace
-
 TEST(TrimMessageEnd, ClearsTrailingSpacesTabsAndPeriodsButNeverTheFirstCharacter) {
   EXPECT_EQ("File not found", Trimmed("File not found. "));
   EXPECT_EQ("a", Trimmed("a. \t.. "));
@@ -129,38 +117,7 @@ TEST(TrimMessageEnd, ClearsTrailingSpacesTabsAndPeriodsButNeverTheFirstCharacter
 
 namespace {
 
-// An allocator whose answers a test chooses, counting its references.
-class FakeMalloc : public IMalloc {
- public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    *ppv = (iid == IID_IUnknown || iid == IID_IMalloc) ? this : nullptr;
-    if (!*ppv) return E_NOINTERFACE;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
-  STDMETHODIMP_(ULONG) Release() override { return --refs; }
-  STDMETHODIMP_(void*) Alloc(SIZE_T) override { return nullptr; }
-  STDMETHODIMP_(void*) Realloc(void*, SIZE_T) override { return nullptr; }
-  STDMETHODIMP_(void) Free(void*) override {}
-  STDMETHODIMP_(SIZE_T) GetSize(void* pv) override {
-    asked = pv;
-    return size;
-  }
-  STDMETHODIMP_(int) DidAlloc(void* pv) override {
-    asked = pv;
-    return didAlloc;
-  }
-  STDMETHODIMP_(void) HeapMinimize() override { ++minimised; }
-
-  ULONG refs = 1;
-  int didAlloc = 1;
-  SIZE_T size = 0;
-  void* asked = nullptr;
-  int minimised = 0;
-};
-
-FakeMalloc* g_fake = nullptr;
+xktest::FakeMalloc* g_fake = nullptr;
 DWORD g_context = 0;
 
 HRESULT WINAPI GetFake(DWORD context, IMalloc** allocator) {
@@ -180,10 +137,23 @@ class TaskAllocatorQuestions : public ::testing::Test {
   void SetUp() override { g_fake = &fake; }
   void TearDown() override {
     EXPECT_EQ(1u, fake.refs) << "the allocator must be released after every question";
+    EXPECT_EQ(0, spy.Outstanding());
     g_fake = nullptr;
   }
 
-  FakeMalloc fake;
+  // Frees an OLE string of its own as the allocator's answer lets it, and says whether it did.
+  bool DestroyFrees(xk::strings::GetTaskAllocator get) {
+    void* block = CoTaskMemAlloc(8);
+    LPOLESTR p = static_cast<LPOLESTR>(block);
+    xk::strings::DestroyOleString(get, &p);
+    EXPECT_EQ(nullptr, p);
+    if (spy.Outstanding() == 0) return true;
+    CoTaskMemFree(block);
+    return false;
+  }
+
+  xktest::FakeMalloc fake;
+  xktest::MallocSpy spy;
   DebugOutputCapture capture;
 };
 
@@ -194,9 +164,11 @@ TEST_F(TaskAllocatorQuestions, WithoutAnAllocatorEachQuestionTracesAndAnswersIts
   EXPECT_EQ(-1, xk::strings::DidAlloc(GetNothing, &block));
   EXPECT_EQ(0u, xk::strings::GetSize(GetNothing, &block));
   EXPECT_HR(CO_E_NOTINITIALIZED, xk::strings::HeapMinimise(GetNothing));
+  EXPECT_TRUE(DestroyFrees(GetNothing)) << "an allocator that cannot be had cannot tell either";
   EXPECT_THAT(capture.Lines(), ElementsAre("CoTaskMemDidAlloc: failed to get COM task allocator!\n",
                                            "CoTaskMemGetSize: failed to get COM task allocator!\n",
-                                           "CoTaskMemHeapMinimise: failed to get COM task allocator!\n"));
+                                           "CoTaskMemHeapMinimise: failed to get COM task allocator!\n",
+                                           "CoTaskMemDidAlloc: failed to get COM task allocator!\n"));
 }
 
 TEST_F(TaskAllocatorQuestions, AnswersComeFromTheTaskContextsAllocatorUnchanged) {
@@ -218,31 +190,108 @@ TEST_F(TaskAllocatorQuestions, AnswersComeFromTheTaskContextsAllocatorUnchanged)
   EXPECT_THAT(capture.Lines(), IsEmpty());
 }
 
-TEST_F(TaskAllocatorQuestions, DestroyFreesWhatTheAllocatorOwnsOrCannotTellAbout) {
-  xktest::MallocSpy spy;
+TEST_F(TaskAllocatorQuestions, DestroyFreesOnlyWhatTheAllocatorDoesNotDisown) {
   for (int answer : {1, -1}) {
     fake.didAlloc = answer;
-    LPOLESTR p = static_cast<LPOLESTR>(CoTaskMemAlloc(8));
-    xk::strings::DestroyOleString(GetFake, &p);
-    EXPECT_EQ(nullptr, p);
-    EXPECT_EQ(0, spy.Outstanding()) << answer;
+    EXPECT_TRUE(DestroyFrees(GetFake)) << answer;
   }
-  LPOLESTR p = static_cast<LPOLESTR>(CoTaskMemAlloc(8));
-  xk::strings::DestroyOleString(GetNothing, &p);
-  EXPECT_EQ(nullptr, p);
-  EXPECT_EQ(0, spy.Outstanding()) << "an allocator that cannot be had cannot tell either";
-  EXPECT_THAT(capture.Lines(), ElementsAre("CoTaskMemDidAlloc: failed to get COM task allocator!\n"));
-}
-
-TEST_F(TaskAllocatorQuestions, DestroyReportsAndKeepsWhatTheAllocatorDisowns) {
-  xktest::MallocSpy spy;
+  EXPECT_THAT(capture.Lines(), IsEmpty());
   fake.didAlloc = 0;
-  void* block = CoTaskMemAlloc(8);
-  LPOLESTR p = static_cast<LPOLESTR>(block);
-  xk::strings::DestroyOleString(GetFake, &p);
-  EXPECT_EQ(nullptr, p);
-  EXPECT_EQ(1, spy.Outstanding()) << "a string the allocator disowns is not freed";
+  EXPECT_FALSE(DestroyFrees(GetFake)) << "a string the allocator disowns is not freed";
   EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MOOleStr", 242, "0"}));
   EXPECT_EQ("OleStringDestroy: failed to recognise string (00000000)!\n", capture.Lines().at(0));
-  CoTaskMemFree(block);
+}
+
+namespace {
+
+AssertionReport Report(int line, const char* expression) { return {"auto_buffer", line, expression}; }
+
+// The leading fields as they lie in memory: m_buffer, m_cItems, m_bExternal.
+struct Fields {
+  void* buffer;
+  size_t count;
+  bool external;
+};
+
+template <class Buffer>
+Fields* FieldsOf(Buffer& buffer) {
+  static_assert(std::is_standard_layout_v<Buffer>, "fields lie in declaration order");
+  return reinterpret_cast<Fields*>(&buffer);
+}
+
+using WideBuffer = xk::auto_buffer<OLECHAR, 512>;
+
+class AutoBuffer : public ::testing::Test {
+ protected:
+  DebugOutputCapture capture;
+};
+
+}  // namespace
+
+TEST_F(AutoBuffer, UpToNElementsLiveInsideTheObjectAndMoreOnTheGlobalHeap) {
+  for (size_t count : {0u, 1u, 512u, 513u, 600u}) {
+    WideBuffer buffer(count);
+    const bool inside = count <= 512;
+    auto* object = reinterpret_cast<const char*>(&buffer);
+    auto* data = reinterpret_cast<const char*>(buffer.data());
+    EXPECT_EQ(inside, data >= object && data < object + sizeof buffer) << count;
+    EXPECT_EQ(!inside, buffer.is_external()) << count;
+    EXPECT_EQ(count, buffer.size());
+    EXPECT_EQ(count == 0, buffer.empty());
+    EXPECT_EQ(buffer.data() + count, buffer.end()) << "the end address is allowed";
+    for (size_t i = 0; i < count; ++i) buffer[i] = static_cast<OLECHAR>(i);
+    if (count) EXPECT_EQ(count - 1, buffer[count - 1]);
+    if (!inside) EXPECT_GE(GlobalSize(GlobalHandle(buffer.data())), count * sizeof(OLECHAR));
+    const Fields* fields = FieldsOf(buffer);
+    EXPECT_EQ(buffer.data(), fields->buffer);
+    EXPECT_EQ(count, fields->count);
+    EXPECT_EQ(!inside, fields->external);
+  }
+  EXPECT_THAT(capture.Assertions(), IsEmpty());
+}
+
+TEST_F(AutoBuffer, AHeapRequestThatCannotBeMetLeavesItEmptyAndIsReportedOnDestruction) {
+  {
+    xk::auto_buffer<char, 4> refused(SIZE_MAX);
+    EXPECT_TRUE(refused.empty());
+    EXPECT_EQ(0u, refused.size());
+    EXPECT_EQ(nullptr, refused.data());
+    EXPECT_TRUE(refused.is_external());
+    EXPECT_THAT(capture.Assertions(), IsEmpty()) << "a refused heap is no broken invariant";
+    // A size whose byte count would wrap is refused, not cut.
+    xk::auto_buffer<OLECHAR, 4> wrapping(SIZE_MAX / sizeof(OLECHAR) + 2);
+    EXPECT_TRUE(wrapping.empty());
+  }
+  EXPECT_THAT(capture.Assertions(), ElementsAre(Report(607, "0 != m_buffer"), Report(510, "0 != p"),
+                                                Report(607, "0 != m_buffer"), Report(510, "0 != p")));
+}
+
+TEST_F(AutoBuffer, AnIndexPastTheEndIsReported) {
+  WideBuffer buffer(4);
+  EXPECT_EQ(buffer.data() + 5, buffer.address_of(5));
+  EXPECT_THAT(capture.Assertions(), ElementsAre(Report(851, "(\"Index is out of bounds\", index <= m_cItems)")));
+}
+
+TEST_F(AutoBuffer, AnExternalMarkOnInsideStorageBreaksEveryCheck) {
+  WideBuffer buffer(4);
+  Fields* fields = FieldsOf(buffer);
+  fields->external = true;
+  buffer.size();
+  buffer.empty();
+  buffer.address_of(0);
+  buffer.is_external();
+  fields->external = false;  // restored: destruction must not free inside storage
+  EXPECT_THAT(capture.Assertions(),
+              ElementsAre(Report(1044, "is_valid()"), Report(1061, "is_valid()"), Report(853, "is_valid()"),
+                          Report(630, "(m_buffer != &m_internal[0]) == m_bExternal")));
+}
+
+TEST_F(AutoBuffer, MoreElementsThanInsideStorageWithoutTheHeapIsReported) {
+  {
+    WideBuffer buffer(4);
+    FieldsOf(buffer)->count = 513;
+    EXPECT_FALSE(buffer.is_valid());
+  }
+  EXPECT_THAT(capture.Assertions(),
+              ElementsAre(Report(603, "is_valid()"), Report(631, "m_bExternal || !(space < m_cItems)")));
 }
