@@ -1,9 +1,9 @@
 // IEnumUnknown from either kind of object enumerator: EnumUnknown_FromUnknown,
-// the adapter over an IEnumVARIANT, and Enum_QueryNextItem.
+// the adapter over an IEnumVARIANT, and Enum_QueryNextItem; and the VARIANT
+// creator's copies of values of any type.
 #include "Kinds.h"
 
 using ::testing::ElementsAre;
-using xktest::CollectionsTest;
 using xktest::FakeUnknown;
 using xktest::FillSentinel;
 using xktest::IsSentinel;
@@ -13,66 +13,55 @@ namespace {
 
 // A VARIANT that borrows an object: the enumerators copy it, the test never clears it.
 VARIANT Holding(IUnknown* object, VARTYPE vt = VT_UNKNOWN) {
-  VARIANT v;
-  VariantInit(&v);
+  VARIANT v{};
   V_VT(&v) = vt;
   V_UNKNOWN(&v) = object;
   return v;
 }
-
 VARIANT Number(LONG value) {
-  VARIANT v;
-  VariantInit(&v);
+  VARIANT v{};
   V_VT(&v) = VT_I4;
   V_I4(&v) = value;
   return v;
 }
+void* const kUnwritten = reinterpret_cast<void*>(0xDEADBEEF);
 
-// An IEnumVARIANT whose every call fails with one code.
-class FailingEnumVARIANT : public IEnumVARIANT {
- public:
-  explicit FailingEnumVARIANT(HRESULT failure) : m_failure(failure) {}
+// An IEnumVARIANT whose every call fails with E_UNEXPECTED.
+struct FailingEnumVARIANT : IEnumVARIANT {
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (iid != IID_IUnknown && iid != IID_IEnumVARIANT) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = static_cast<IEnumVARIANT*>(this);
-    AddRef();
-    return S_OK;
+    *ppv = iid == IID_IUnknown || iid == IID_IEnumVARIANT ? this : nullptr;
+    return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
   }
   STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
   STDMETHODIMP_(ULONG) Release() override { return --refs; }
-  STDMETHODIMP Next(ULONG, VARIANT*, ULONG*) override { return m_failure; }
-  STDMETHODIMP Skip(ULONG) override { return m_failure; }
-  STDMETHODIMP Reset() override { return m_failure; }
-  STDMETHODIMP Clone(IEnumVARIANT** ppenum) override {
-    *ppenum = nullptr;
-    return m_failure;
-  }
+  STDMETHODIMP Next(ULONG, VARIANT*, ULONG*) override { return E_UNEXPECTED; }
+  STDMETHODIMP Skip(ULONG) override { return E_UNEXPECTED; }
+  STDMETHODIMP Reset() override { return E_UNEXPECTED; }
+  STDMETHODIMP Clone(IEnumVARIANT** ppenum) override { return *ppenum = nullptr, E_UNEXPECTED; }
   ULONG refs = 1;
-
- private:
-  HRESULT m_failure;
 };
 
-class AdapterTest : public CollectionsTest {
+class AdapterTest : public xktest::CollectionsTest {
  protected:
   // An adapter over a new EnumVARIANT of the given values.
   IEnumUnknown* AdapterOver(std::initializer_list<VARIANT> values) {
     IEnumVARIANT* variants = nullptr;
-    EXPECT_HR(S_OK,
-              EnumVARIANT_Create(values.begin(), static_cast<ULONG>(values.size()), &variants));
+    EXPECT_HR(S_OK, EnumVARIANT_Create(values.begin(), ULONG(values.size()), &variants));
     IEnumUnknown* adapter = nullptr;
     EXPECT_HR(S_OK, EnumUnknown_FromUnknown(variants, &adapter));
-    EXPECT_EQ(1u, variants->Release()) << "the adapter holds the enumerator";
+    EXPECT_NE(xktest::Identity(variants), xktest::Identity(adapter));
+    EXPECT_EQ(1u, variants->Release()) << "the adapter keeps the reference its query took";
     return adapter;
+  }
+  // Every object holds only the test's own reference again.
+  void ExpectAllLetGo() {
+    for (const FakeUnknown& object : m_objects) EXPECT_EQ(1, object.refs);
   }
 
   FakeUnknown m_objects[3];
 };
 
-TEST_F(AdapterTest, FromUnknownFindsTheEnumeratorAnObjectHas) {
+TEST_F(AdapterTest, FromUnknownHandsOutAnIEnumUnknownAsItIsAndRefusesOtherObjects) {
   IEnumUnknown* e = nullptr;
   FillSentinel(&e);
   EXPECT_HR(E_POINTER, EnumUnknown_FromUnknown(nullptr, &e));
@@ -83,7 +72,7 @@ TEST_F(AdapterTest, FromUnknownFindsTheEnumeratorAnObjectHas) {
   IEnumUnknown* own = nullptr;
   ASSERT_HR(S_OK, EnumUnknown_Create(items, 1, &own));
   ASSERT_HR(S_OK, EnumUnknown_FromUnknown(own, &e));
-  EXPECT_EQ(own, e) << "an IEnumUnknown is handed out as it is";
+  EXPECT_EQ(own, e);
   EXPECT_EQ(1u, e->Release());
   EXPECT_EQ(0u, own->Release());
 
@@ -95,28 +84,20 @@ TEST_F(AdapterTest, FromUnknownFindsTheEnumeratorAnObjectHas) {
   EXPECT_EQ(1, neither.refs);
 }
 
-TEST_F(AdapterTest, TheAdapterIsAnIEnumUnknownOfItsOwn) {
-  IEnumVARIANT* variants = nullptr;
-  ASSERT_HR(S_OK, EnumVARIANT_Create(nullptr, 0, &variants));
-  IEnumUnknown* adapter = nullptr;
-  ASSERT_HR(S_OK, EnumUnknown_FromUnknown(variants, &adapter));
-  EXPECT_NE(xktest::Identity(variants), xktest::Identity(adapter));
-  EXPECT_EQ(2u, RefCount(variants)) << "the adapter keeps the reference its query took";
-
+TEST_F(AdapterTest, TheAdapterIsAnIEnumUnknownOfItsOwnThatHoldsItsEnumerator) {
+  IEnumUnknown* adapter = AdapterOver({});
   void* face = nullptr;
   ASSERT_HR(S_OK, adapter->QueryInterface(IID_IUnknown, &face));
   EXPECT_EQ(static_cast<void*>(adapter), face);
   EXPECT_EQ(1u, adapter->Release());
-  face = reinterpret_cast<void*>(0xDEADBEEF);
+  face = kUnwritten;
   EXPECT_HR(E_NOINTERFACE, adapter->QueryInterface(IID_IEnumVARIANT, &face));
   EXPECT_EQ(nullptr, face);
   EXPECT_HR(E_POINTER, adapter->QueryInterface(IID_IEnumUnknown, nullptr));
-
   EXPECT_EQ(2u, adapter->AddRef());
   EXPECT_EQ(1u, adapter->Release());
+  EXPECT_HR(S_FALSE, DllCanUnloadNow()) << "through its enumerator";
   EXPECT_EQ(0u, adapter->Release());
-  EXPECT_EQ(1u, RefCount(variants)) << "the last release of the adapter lets go of its enumerator";
-  EXPECT_EQ(0u, variants->Release());
 }
 
 TEST_F(AdapterTest, NextHandsOutTheObjectsOfTheVariants) {
@@ -132,9 +113,8 @@ TEST_F(AdapterTest, NextHandsOutTheObjectsOfTheVariants) {
   FillSentinel(items, 4);
   EXPECT_HR(S_OK, adapter->Next(3, items, &n));
   EXPECT_EQ(3u, n);
-  EXPECT_EQ(&m_objects[1], items[0]);
-  EXPECT_EQ(nullptr, items[1]) << "a null object is a null item";
-  EXPECT_EQ(&m_objects[2], items[2]);
+  EXPECT_THAT(items, ElementsAre(&m_objects[1], nullptr, &m_objects[2], items[3]))
+      << "a null object is a null item";
   EXPECT_TRUE(IsSentinel(items[3]));
   items[0]->Release();
   items[2]->Release();
@@ -152,12 +132,11 @@ TEST_F(AdapterTest, NextHandsOutTheObjectsOfTheVariants) {
   ASSERT_HR(S_OK, adapter->Clone(&clone));
   EXPECT_HR(S_FALSE, adapter->Skip(5));
   ASSERT_HR(S_OK, clone->Next(2, items, &n)) << "the clone stayed where it was made";
-  EXPECT_EQ(nullptr, items[0]);
-  EXPECT_EQ(&m_objects[2], items[1]);
+  EXPECT_THAT(std::vector<IUnknown*>(items, items + 2), ElementsAre(nullptr, &m_objects[2]));
   items[1]->Release();
   EXPECT_EQ(0u, clone->Release());
   EXPECT_EQ(0u, adapter->Release());
-  for (const FakeUnknown& object : m_objects) EXPECT_EQ(1, object.refs);
+  ExpectAllLetGo();
 }
 
 TEST_F(AdapterTest, AVariantWithoutAnObjectFailsTheWholeNext) {
@@ -168,19 +147,16 @@ TEST_F(AdapterTest, AVariantWithoutAnObjectFailsTheWholeNext) {
   FillSentinel(items, 3);
   EXPECT_HR(DISP_E_BADVARTYPE, adapter->Next(1, items, nullptr));
   EXPECT_EQ(nullptr, items[0]);
-
   FillSentinel(items, 3);
   ULONG n = 0xDEADBEEF;
   EXPECT_HR(DISP_E_BADVARTYPE, adapter->Next(3, items, &n));
   EXPECT_EQ(3u, n) << "the count the inner enumerator reported";
-  EXPECT_THAT(items, ElementsAre(nullptr, nullptr, nullptr))
-      << "what was already handed out is taken back";
+  EXPECT_THAT(items, ElementsAre(nullptr, nullptr, nullptr)) << "handed-out items are taken back";
   EXPECT_EQ(2, m_objects[0].refs) << "only the enumerator's reference is left";
   EXPECT_EQ(2, m_objects[1].refs);
-
   EXPECT_HR(DISP_E_BADVARTYPE, adapter->Next(1, items, nullptr)) << "a reference is no object";
   EXPECT_EQ(0u, adapter->Release());
-  for (const FakeUnknown& object : m_objects) EXPECT_EQ(1, object.refs);
+  ExpectAllLetGo();
 }
 
 TEST_F(AdapterTest, ArgumentsAndInnerFailures) {
@@ -191,25 +167,23 @@ TEST_F(AdapterTest, ArgumentsAndInnerFailures) {
   EXPECT_HR(E_INVALIDARG, adapter->Next(2, items, nullptr));
   EXPECT_THAT(items, ElementsAre(nullptr, nullptr));
   EXPECT_HR(E_POINTER, adapter->Clone(nullptr));
-
   m_spy.ClearRequests();
   ULONG n = 0;
   ASSERT_HR(S_OK, adapter->Next(2, items, &n));
-  EXPECT_THAT(m_spy.AllocRequests(), ElementsAre(2 * sizeof(VARIANT)))
-      << "one task-allocator block of the VARIANTs asked for";
+  EXPECT_THAT(m_spy.AllocRequests(), ElementsAre(2 * sizeof(VARIANT))) << "one block of VARIANTs";
   items[0]->Release();
   items[1]->Release();
   ASSERT_HR(S_OK, adapter->Reset());
   {
     xktest::TaskAllocatorRefusal refusal;
     EXPECT_HR(E_OUTOFMEMORY, adapter->Next(2, items, &n));
-    IEnumUnknown* clone = reinterpret_cast<IEnumUnknown*>(0xDEADBEEF);
+    IEnumUnknown* clone = reinterpret_cast<IEnumUnknown*>(kUnwritten);
     EXPECT_HR(E_OUTOFMEMORY, adapter->Clone(&clone)) << "the inner clone's own failure";
     EXPECT_EQ(nullptr, clone);
   }
   EXPECT_EQ(0u, adapter->Release());
 
-  FailingEnumVARIANT failing(E_UNEXPECTED);
+  FailingEnumVARIANT failing;
   ASSERT_HR(S_OK, EnumUnknown_FromUnknown(&failing, &adapter));
   EXPECT_HR(E_UNEXPECTED, adapter->Next(1, items, nullptr));
   EXPECT_HR(E_UNEXPECTED, adapter->Next(2, items, &n));
@@ -221,61 +195,64 @@ TEST_F(AdapterTest, ArgumentsAndInnerFailures) {
   EXPECT_EQ(1u, failing.refs);
 }
 
-using QueryNextItemTest = CollectionsTest;
+TEST_F(AdapterTest, EnumVARIANTCopiesValuesOfAnyType) {
+  const VARIANT items[] = {Holding(&m_objects[0]), Number(-7)};
+  IEnumVARIANT* e = nullptr;
+  ASSERT_HR(S_OK, EnumVARIANT_Create(items, 2, &e));
+  EXPECT_EQ(2, m_objects[0].refs);
+  VARIANT fetched[2];
+  ULONG n = 0;
+  ASSERT_HR(S_OK, e->Next(2, fetched, &n));
+  EXPECT_EQ(VT_UNKNOWN, V_VT(&fetched[0]));
+  EXPECT_EQ(&m_objects[0], V_UNKNOWN(&fetched[0]));
+  EXPECT_EQ(VT_I4, V_VT(&fetched[1]));
+  EXPECT_EQ(-7, V_I4(&fetched[1]));
+  EXPECT_EQ(3, m_objects[0].refs);
+  VariantClear(&fetched[0]);
+  EXPECT_EQ(0u, e->Release());
+  ExpectAllLetGo();
+}
 
-TEST_F(QueryNextItemTest, QueriesTheNextObjectOfAnIEnumUnknown) {
-  void* out = reinterpret_cast<void*>(0xDEADBEEF);
+// Enum_QueryNextItem over either enumerator: what each next item gives.
+TEST_F(AdapterTest, QueryNextItemQueriesTheNextObjectOfEitherEnumerator) {
+  void* out = kUnwritten;
   FakeUnknown stream(IID_IStream);
   EXPECT_HR(E_POINTER, Enum_QueryNextItem(nullptr, IID_IStream, &out));
   EXPECT_HR(E_POINTER, Enum_QueryNextItem(&stream, IID_IStream, nullptr));
-
-  FakeUnknown plain;
-  IUnknown* const items[] = {&stream, &plain, nullptr};
-  IEnumUnknown* e = nullptr;
-  ASSERT_HR(S_OK, EnumUnknown_Create(items, 3, &e));
-  EXPECT_HR(S_OK, Enum_QueryNextItem(e, IID_IStream, &out));
-  EXPECT_EQ(static_cast<IUnknown*>(&stream), out);
-  EXPECT_EQ(3, stream.refs) << "the caller's, beside the enumerator's";
-  static_cast<IUnknown*>(out)->Release();
-
-  EXPECT_HR(E_NOINTERFACE, Enum_QueryNextItem(e, IID_IStream, &out));
-  EXPECT_EQ(nullptr, out);
-  EXPECT_EQ(2, plain.refs) << "the fetched item is released again";
-  out = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(E_NOINTERFACE, Enum_QueryNextItem(e, IID_IStream, &out)) << "a null item";
-  EXPECT_EQ(nullptr, out);
-
-  out = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(S_FALSE, Enum_QueryNextItem(e, IID_IStream, &out));
-  EXPECT_EQ(reinterpret_cast<void*>(0xDEADBEEF), out) << "nothing fetched, nothing written";
-  EXPECT_EQ(0u, e->Release());
-  EXPECT_EQ(1, stream.refs);
-  EXPECT_EQ(1, plain.refs);
-}
-
-TEST_F(QueryNextItemTest, QueriesTheObjectOfTheNextVariant) {
-  FakeUnknown stream(IID_IStream);
-  const VARIANT items[] = {Holding(&stream, VT_DISPATCH), Number(1)};
-  IEnumVARIANT* e = nullptr;
-  ASSERT_HR(S_OK, EnumVARIANT_Create(items, 2, &e));
-  void* out = nullptr;
-  EXPECT_HR(S_OK, Enum_QueryNextItem(e, IID_IStream, &out));
-  EXPECT_EQ(static_cast<IUnknown*>(&stream), out);
-  static_cast<IUnknown*>(out)->Release();
-
-  out = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(DISP_E_BADVARTYPE, Enum_QueryNextItem(e, IID_IStream, &out));
-  EXPECT_EQ(reinterpret_cast<void*>(0xDEADBEEF), out);
-  EXPECT_HR(S_FALSE, Enum_QueryNextItem(e, IID_IStream, &out));
-  EXPECT_EQ(reinterpret_cast<void*>(0xDEADBEEF), out);
-  EXPECT_EQ(0u, e->Release());
-  EXPECT_EQ(1, stream.refs);
-
   FakeUnknown neither(IID_IUnknown, E_UNEXPECTED);
   EXPECT_HR(E_UNEXPECTED, Enum_QueryNextItem(&neither, IID_IStream, &out))
       << "the refusal of the IEnumVARIANT query, as the object gave it";
-  EXPECT_EQ(reinterpret_cast<void*>(0xDEADBEEF), out);
   EXPECT_EQ(1, neither.refs);
+
+  // The same items through either enumerator; the VARIANTs end with one without an object.
+  IUnknown* const objects[] = {&stream, &m_objects[0], nullptr};
+  const VARIANT variants[] = {Holding(&stream, VT_DISPATCH), Holding(&m_objects[0]),
+                              Holding(nullptr), Number(1)};
+  for (bool overVariants : {false, true}) {
+    SCOPED_TRACE(overVariants ? "IEnumVARIANT" : "IEnumUnknown");
+    IUnknown* e = nullptr;
+    if (overVariants)
+      ASSERT_HR(S_OK, EnumVARIANT_Create(variants, 4, reinterpret_cast<IEnumVARIANT**>(&e)));
+    else
+      ASSERT_HR(S_OK, EnumUnknown_Create(objects, 3, reinterpret_cast<IEnumUnknown**>(&e)));
+    EXPECT_HR(S_OK, Enum_QueryNextItem(e, IID_IStream, &out));
+    EXPECT_EQ(static_cast<IUnknown*>(&stream), out);
+    EXPECT_EQ(3, stream.refs) << "the caller's, beside the enumerator's";
+    static_cast<IUnknown*>(out)->Release();
+    for (const char* item : {"an object without the interface", "a null item"}) {
+      out = kUnwritten;
+      EXPECT_HR(E_NOINTERFACE, Enum_QueryNextItem(e, IID_IStream, &out)) << item;
+      EXPECT_EQ(nullptr, out);
+    }
+    EXPECT_EQ(2, m_objects[0].refs) << "the fetched item is released again";
+    out = kUnwritten;
+    if (overVariants) EXPECT_HR(DISP_E_BADVARTYPE, Enum_QueryNextItem(e, IID_IStream, &out));
+    EXPECT_HR(S_FALSE, Enum_QueryNextItem(e, IID_IStream, &out));
+    EXPECT_EQ(kUnwritten, out) << "nothing fetched, nothing written";
+    EXPECT_EQ(0u, e->Release());
+  }
+  EXPECT_EQ(1, stream.refs);
+  ExpectAllLetGo();
 }
 
 }  // namespace

@@ -12,17 +12,15 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using xktest::AssertionReport;
 using xktest::DebugOutputCapture;
+using xk::collections::EnumGUID;
 
 namespace {
 
 // A GUID collection whose storage pointers a test may set, and whose CreateNew
 // may be made to fail.
-using xk::collections::EnumGUID;
-
 class Probe : public EnumGUID {
  public:
-  explicit Probe(LONG* objectCount) : EnumGUID(objectCount) {}
-
+  explicit Probe(LONG* objectCount = nullptr) : EnumGUID(objectCount) {}
   void PretendStorage(GUID* first, size_t count) {
     m_start = m_iter = first;
     m_end = first + count;
@@ -38,41 +36,39 @@ class EnumSequenceTest : public ::testing::Test {
  protected:
   void TearDown() override { EXPECT_EQ(0, m_spy.Outstanding()); }
   xktest::MallocSpy m_spy;
+  LONG m_count = 0;
 };
 
 TEST_F(EnumSequenceTest, TheObjectCountFollowsEveryObjectAndItsClones) {
-  LONG count = 0;
   IEnumGUID* e = nullptr;
-  ASSERT_HR(S_OK, xk::collections::CreateEnumGUID(CLSID_QvEnumGUID, nullptr, &count, IID_IEnumGUID,
-                                                  reinterpret_cast<void**>(&e)));
-  EXPECT_EQ(1, count);
+  ASSERT_HR(S_OK, xk::collections::CreateEnumGUID(CLSID_QvEnumGUID, nullptr, &m_count,
+                                                  IID_IEnumGUID, reinterpret_cast<void**>(&e)));
+  EXPECT_EQ(1, m_count);
   IEnumGUID* clone = nullptr;
   ASSERT_HR(S_OK, e->Clone(&clone));
-  EXPECT_EQ(2, count) << "a clone is counted in the same count";
+  EXPECT_EQ(2, m_count) << "a clone is counted in the same count";
   EXPECT_EQ(0u, clone->Release());
-  EXPECT_EQ(1, count);
+  EXPECT_EQ(1, m_count);
   EXPECT_EQ(0u, e->Release());
-  EXPECT_EQ(0, count);
+  EXPECT_EQ(0, m_count);
 
   void* object = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(E_NOINTERFACE, xk::collections::CreateEnumBSTR(CLSID_QvEnumBSTR, nullptr, &count,
+  EXPECT_HR(E_NOINTERFACE, xk::collections::CreateEnumBSTR(CLSID_QvEnumBSTR, nullptr, &m_count,
                                                            IID_IStream, &object));
   EXPECT_EQ(nullptr, object);
-  EXPECT_HR(E_POINTER, xk::collections::CreateEnumString(CLSID_QvEnumString, nullptr, &count,
+  EXPECT_HR(E_POINTER, xk::collections::CreateEnumString(CLSID_QvEnumString, nullptr, &m_count,
                                                          IID_IUnknown, nullptr));
-  EXPECT_EQ(0, count) << "refused objects are gone again";
-
+  EXPECT_EQ(0, m_count) << "refused objects are gone again";
   ASSERT_HR(S_OK, xk::collections::CreateEnumVARIANT(CLSID_QvEnumVARIANT, nullptr, nullptr,
                                                      IID_IUnknown, &object))
       << "an object need not be counted";
   EXPECT_EQ(0u, static_cast<IUnknown*>(object)->Release());
 }
 
-TEST_F(EnumSequenceTest, EmptyReportsStoragePointersLeftOnAnEmptySequence) {
-  auto* probe = new Probe(nullptr);
-  ASSERT_NE(nullptr, probe);
-  GUID slot;
-  probe->PretendStorage(&slot, 0);
+TEST_F(EnumSequenceTest, StoragePointersLeftOnAnEmptySequenceOrOnDestructionAreReported) {
+  auto* probe = new Probe;
+  GUID slots[2];
+  probe->PretendStorage(slots, 0);
   DebugOutputCapture capture;
   EXPECT_HR(S_FALSE, probe->Empty());
   EXPECT_THAT(capture.Assertions(),
@@ -83,29 +79,22 @@ TEST_F(EnumSequenceTest, EmptyReportsStoragePointersLeftOnAnEmptySequence) {
   capture.Clear();
   EXPECT_EQ(0u, probe->Release());
   EXPECT_THAT(capture.Assertions(), IsEmpty());
-}
 
-TEST_F(EnumSequenceTest, DestroyingAnObjectThatStillHoldsElementsIsReported) {
-  auto* probe = new Probe(nullptr);
-  ASSERT_NE(nullptr, probe);
-  GUID slots[2];
+  probe = new Probe;
   probe->PretendStorage(slots, 2);
-  DebugOutputCapture capture;
   probe->Destroy();  // without the final release that would have emptied it
   EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MOEnXXXX", 212, "cItems == 0"}));
 }
 
 TEST_F(EnumSequenceTest, CloneWithoutMemoryForTheNewObjectFails) {
-  LONG count = 0;
-  auto* probe = new Probe(&count);
-  ASSERT_NE(nullptr, probe);
+  auto* probe = new Probe(&m_count);
   probe->refuseCreateNew = true;
   IEnumGUID* clone = reinterpret_cast<IEnumGUID*>(0xDEADBEEF);
   EXPECT_HR(E_OUTOFMEMORY, probe->Clone(&clone));
   EXPECT_EQ(nullptr, clone);
-  EXPECT_EQ(1, count);
+  EXPECT_EQ(1, m_count);
   EXPECT_EQ(0u, probe->Release());
-  EXPECT_EQ(0, count);
+  EXPECT_EQ(0, m_count);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The five element kinds as a client sees them: per kind, its interfaces and
-// identifiers, its creator, and how a test makes items, recognises copies of
+// The five element kinds as a client sees them: per kind, its interfaces,
+// identifiers and creator, and how a test makes items, recognises copies of
 // them and frees the copies it owns. Typed tests run every case over all five.
 #pragma once
 
@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "FakeUnknown.h"
 #include "HResult.h"
@@ -40,22 +41,25 @@ inline bool TaskAllocated(void* block) {
   return allocated;
 }
 
-struct BstrKind {
-  using Element = BSTR;
-  using Input = BSTR;
-  using Coll = ICollBSTR;
-  using Seq = ISeqBSTR;
-  using Enum = IEnumBSTR;
-  static constexpr const char* kName = "BSTR";
-  static constexpr const char* kTraceName = nullptr;
-  static const CLSID& Clsid() { return CLSID_QvEnumBSTR; }
-  static const IID& CollIid() { return IID_ICollBSTR; }
-  static const IID& SeqIid() { return IID_ISeqBSTR; }
-  static const IID& EnumIid() { return IID_IEnumBSTR; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
-    return EnumBSTR_Create(items, n, e);
-  }
+// What every kind shares: its types, identifiers and creator.
+template <class E, class In, class C, class S, class En, const CLSID* kClsid, const IID* kColl,
+          const IID* kSeq, const IID* kEnum, HRESULT(WINAPI* kCreate)(const In*, ULONG, En**)>
+struct KindOf {
+  using Element = E;
+  using Input = In;
+  using Coll = C;
+  using Seq = S;
+  using Enum = En;
+  static const CLSID& Clsid() { return *kClsid; }
+  static const IID& CollIid() { return *kColl; }
+  static const IID& SeqIid() { return *kSeq; }
+  static const IID& EnumIid() { return *kEnum; }
+  static HRESULT Create(const In* items, ULONG n, En** e) { return kCreate(items, n, e); }
+};
 
+struct BstrKind : KindOf<BSTR, BSTR, ICollBSTR, ISeqBSTR, IEnumBSTR, &CLSID_QvEnumBSTR,
+                         &IID_ICollBSTR, &IID_ISeqBSTR, &IID_IEnumBSTR, EnumBSTR_Create> {
+  static constexpr const char* kTraceName = nullptr;
   static Input MakeItem(int i) { return SysAllocString(ItemText(i).c_str()); }
   static void FreeItem(Input& item) { SysFreeString(item); }
   static bool Holds(const Element& e, int i) { return e && ItemText(i) == e; }
@@ -63,26 +67,11 @@ struct BstrKind {
   static void FreeCopy(Element& e) { SysFreeString(e); }
 };
 
-struct GuidKind {
-  using Element = GUID;
-  using Input = GUID;
-  using Coll = ICollGUID;
-  using Seq = ISeqGUID;
-  using Enum = IEnumGUID;
-  static constexpr const char* kName = "GUID";
+struct GuidKind : KindOf<GUID, GUID, ICollGUID, ISeqGUID, IEnumGUID, &CLSID_QvEnumGUID,
+                         &IID_ICollGUID, &IID_ISeqGUID, &IID_IQvEnumGUID, EnumGUID_Create> {
   static constexpr const char* kTraceName = "_EnumGUID";
-  static const CLSID& Clsid() { return CLSID_QvEnumGUID; }
-  static const IID& CollIid() { return IID_ICollGUID; }
-  static const IID& SeqIid() { return IID_ISeqGUID; }
-  static const IID& EnumIid() { return IID_IQvEnumGUID; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
-    return EnumGUID_Create(items, n, e);
-  }
-
   static Input MakeItem(int i) {
-    GUID id = {0x10000000u + i, 0x2222, 0x3333, {0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0}};
-    id.Data4[7] = static_cast<BYTE>(i);
-    return id;
+    return {0x10000000u + i, 0x2222, 0x3333, {0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, BYTE(i)}};
   }
   static void FreeItem(Input&) {}
   static bool Holds(const Element& e, int i) { return e == MakeItem(i); }
@@ -90,27 +79,14 @@ struct GuidKind {
   static void FreeCopy(Element&) {}
 };
 
-struct StringKind {
-  using Element = LPOLESTR;
-  using Input = LPCOLESTR;
-  using Coll = ICollString;
-  using Seq = ISeqString;
-  using Enum = IEnumString;
-  static constexpr const char* kName = "String";
+struct StringKind : KindOf<LPOLESTR, LPCOLESTR, ICollString, ISeqString, IEnumString,
+                           &CLSID_QvEnumString, &IID_ICollString, &IID_ISeqString,
+                           &IID_IEnumString, EnumString_Create> {
   static constexpr const char* kTraceName = nullptr;
-  static const CLSID& Clsid() { return CLSID_QvEnumString; }
-  static const IID& CollIid() { return IID_ICollString; }
-  static const IID& SeqIid() { return IID_ISeqString; }
-  static const IID& EnumIid() { return IID_IEnumString; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
-    return EnumString_Create(items, n, e);
-  }
-
   // The caller's strings need not come from the task allocator.
   static Input MakeItem(int i) {
     static std::wstring texts[kMaxItems];
-    texts[i] = ItemText(i);
-    return texts[i].c_str();
+    return (texts[i] = ItemText(i)).c_str();
   }
   static void FreeItem(Input&) {}
   static bool Holds(const Element& e, int i) { return e && ItemText(i) == e; }
@@ -120,22 +96,10 @@ struct StringKind {
   static void FreeCopy(Element& e) { CoTaskMemFree(e); }
 };
 
-struct UnknownKind {
-  using Element = LPUNKNOWN;
-  using Input = LPUNKNOWN;
-  using Coll = ICollUnknown;
-  using Seq = ISeqUnknown;
-  using Enum = IEnumUnknown;
-  static constexpr const char* kName = "Unknown";
+struct UnknownKind : KindOf<LPUNKNOWN, LPUNKNOWN, ICollUnknown, ISeqUnknown, IEnumUnknown,
+                            &CLSID_QvEnumUnknown, &IID_ICollUnknown, &IID_ISeqUnknown,
+                            &IID_IEnumUnknown, EnumUnknown_Create> {
   static constexpr const char* kTraceName = "_EnumUnknown";
-  static const CLSID& Clsid() { return CLSID_QvEnumUnknown; }
-  static const IID& CollIid() { return IID_ICollUnknown; }
-  static const IID& SeqIid() { return IID_ISeqUnknown; }
-  static const IID& EnumIid() { return IID_IEnumUnknown; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
-    return EnumUnknown_Create(items, n, e);
-  }
-
   // Shared, counted objects; every test hands back each reference it took.
   static FakeUnknown* Objects() {
     static FakeUnknown objects[kMaxItems];
@@ -148,26 +112,13 @@ struct UnknownKind {
   static void FreeCopy(Element& e) { e->Release(); }
 };
 
-struct VariantKind {
-  using Element = VARIANT;
-  using Input = VARIANT;
-  using Coll = ICollVARIANT;
-  using Seq = ISeqVARIANT;
-  using Enum = IEnumVARIANT;
-  static constexpr const char* kName = "VARIANT";
+struct VariantKind : KindOf<VARIANT, VARIANT, ICollVARIANT, ISeqVARIANT, IEnumVARIANT,
+                            &CLSID_QvEnumVARIANT, &IID_ICollVARIANT, &IID_ISeqVARIANT,
+                            &IID_IEnumVARIANT, EnumVARIANT_Create> {
   static constexpr const char* kTraceName = "_EnumVARIANT";
-  static const CLSID& Clsid() { return CLSID_QvEnumVARIANT; }
-  static const IID& CollIid() { return IID_ICollVARIANT; }
-  static const IID& SeqIid() { return IID_ISeqVARIANT; }
-  static const IID& EnumIid() { return IID_IEnumVARIANT; }
-  static HRESULT Create(const Input* items, ULONG n, Enum** e) {
-    return EnumVARIANT_Create(items, n, e);
-  }
-
   // Strings inside, so that ownership of the copies shows.
   static Input MakeItem(int i) {
     VARIANT v;
-    VariantInit(&v);
     V_VT(&v) = VT_BSTR;
     V_BSTR(&v) = SysAllocString(ItemText(i).c_str());
     return v;
@@ -186,8 +137,8 @@ using AllKinds = ::testing::Types<BstrKind, GuidKind, StringKind, UnknownKind, V
 
 struct KindNames {
   template <class Kind>
-  static std::string GetName(int) {
-    return Kind::kName;
+  static std::string GetName(int i) {
+    return std::vector<std::string>{"BSTR", "GUID", "String", "Unknown", "VARIANT"}.at(i);
   }
 };
 
