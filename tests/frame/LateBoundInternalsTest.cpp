@@ -10,11 +10,11 @@
 
 using xk::latebound::Entry;
 using xk::latebound::EntryName;
-using xk::latebound::SystemLibrary;
+using xk::latebound::Resolve;
 
 namespace {
 
-SystemLibrary g_missingLibrary{"XKNOSUCHLIBRARY.DLL", nullptr};
+xk::latebound::SystemLibrary g_missingLibrary{"XKNOSUCHLIBRARY.DLL", nullptr};
 
 constexpr EntryName kMissingRegFunction{&xk::latebound::g_advapi32, "RegNoSuchFunctionA"};
 constexpr EntryName kMissingCaseFunction{&xk::latebound::g_user32, "CharNoSuchA"};
@@ -22,36 +22,32 @@ constexpr EntryName kMissingCountingFunction{&xk::latebound::g_user32, "LoadNoSu
 constexpr EntryName kFunctionOfMissingLibrary{&g_missingLibrary, "RegCloseKey"};
 constexpr EntryName kRacedFunction{&xk::latebound::g_user32, "CharUpperBuffA"};
 constexpr EntryName kSecondUser32Function{&xk::latebound::g_user32, "CharLowerBuffA"};
+using MissingClose = Entry<kMissingRegFunction, decltype(&RegCloseKey)>;
 
 }  // namespace
 
-TEST(LateBoundEntry, AMissingFunctionAnswersWithAFailureOfItsOwnKind) {
-  EXPECT_EQ(ERROR_PROC_NOT_FOUND,
-            (Entry<kMissingRegFunction, decltype(&RegCloseKey)>::Call(HKEY_CURRENT_USER)));
+TEST(LateBoundEntry, AMissingFunctionAnswersWithAFailureOfItsOwnKindAndIsLookedForOnce) {
+  EXPECT_EQ(ERROR_PROC_NOT_FOUND, MissingClose::Call(HKEY_CURRENT_USER));
   char text[] = "Abc";
   EXPECT_EQ(nullptr, (Entry<kMissingCaseFunction, decltype(&CharLowerA)>::Call(text)));
   EXPECT_STREQ("Abc", text);
-  EXPECT_EQ(0, (Entry<kMissingCountingFunction, decltype(&LoadStringA)>::Call(
-                   static_cast<HINSTANCE>(nullptr), 1u, text, 4)));
-  // The failed lookup is kept: a second call answers the same without a new lookup.
-  EXPECT_NE(nullptr, (Entry<kMissingRegFunction, decltype(&RegCloseKey)>::s_slot));
-  EXPECT_EQ(ERROR_PROC_NOT_FOUND,
-            (Entry<kMissingRegFunction, decltype(&RegCloseKey)>::Call(HKEY_CURRENT_USER)));
+  EXPECT_EQ(0, (Entry<kMissingCountingFunction, decltype(&LoadStringA)>::Call(static_cast<HINSTANCE>(nullptr),
+                                                                               1u, text, 4)));
+  EXPECT_NE(nullptr, MissingClose::s_slot) << "the failed lookup is kept";
+  EXPECT_EQ(ERROR_PROC_NOT_FOUND, MissingClose::Call(HKEY_CURRENT_USER));
 }
 
 TEST(LateBoundEntry, AMissingLibraryIsLookedForOnceAndNeverCalled) {
   EXPECT_EQ(nullptr, g_missingLibrary.handle);
-  EXPECT_EQ(ERROR_PROC_NOT_FOUND,
-            (Entry<kFunctionOfMissingLibrary, decltype(&RegCloseKey)>::Call(HKEY_CURRENT_USER)));
+  EXPECT_EQ(ERROR_PROC_NOT_FOUND, (Entry<kFunctionOfMissingLibrary, decltype(&RegCloseKey)>::Call(HKEY_CURRENT_USER)));
   void* const marked = g_missingLibrary.handle;
   EXPECT_NE(nullptr, marked) << "the failed load is remembered";
   void* slot = nullptr;
-  const EntryName another{&g_missingLibrary, "RegOpenKeyA"};
-  EXPECT_EQ(nullptr, xk::latebound::Resolve(&slot, another));
+  EXPECT_EQ(nullptr, Resolve(&slot, EntryName{&g_missingLibrary, "RegOpenKeyA"}));
   EXPECT_EQ(marked, g_missingLibrary.handle);
 }
 
-TEST(LateBoundEntry, ARacedFirstCallPublishesOneAddressToEveryThread) {
+TEST(LateBoundEntry, ARacedFirstCallPublishesOneAddressToEveryThreadFromOneLibraryHandle) {
   constexpr int kThreads = 8;
   void* slot = nullptr;
   std::atomic<int> ready{0};
@@ -62,21 +58,16 @@ TEST(LateBoundEntry, ARacedFirstCallPublishesOneAddressToEveryThread) {
       ready.fetch_add(1);
       while (ready.load() < kThreads) {
       }
-      seen[t] = xk::latebound::Resolve(&slot, kRacedFunction);
+      seen[t] = Resolve(&slot, kRacedFunction);
     });
   for (std::thread& thread : threads) thread.join();
-
-  void* expected = reinterpret_cast<void*>(
-      GetProcAddress(GetModuleHandleA("USER32.DLL"), "CharUpperBuffA"));
+  const HMODULE user32 = GetModuleHandleA("USER32.DLL");
+  void* expected = reinterpret_cast<void*>(GetProcAddress(user32, "CharUpperBuffA"));
   ASSERT_NE(nullptr, expected);
   for (void* address : seen) EXPECT_EQ(expected, address);
   EXPECT_EQ(expected, slot);
-}
 
-TEST(LateBoundEntry, OneLibraryHandleServesEveryEntryOfThatLibrary) {
-  void* first = nullptr;
   void* second = nullptr;
-  ASSERT_NE(nullptr, xk::latebound::Resolve(&first, kRacedFunction));
-  ASSERT_NE(nullptr, xk::latebound::Resolve(&second, kSecondUser32Function));
-  EXPECT_EQ(static_cast<void*>(GetModuleHandleA("USER32.DLL")), xk::latebound::g_user32.handle);
+  ASSERT_NE(nullptr, Resolve(&second, kSecondUser32Function));
+  EXPECT_EQ(static_cast<void*>(user32), xk::latebound::g_user32.handle);
 }

@@ -2,6 +2,7 @@
 // over rows of this suite (the library's real rows come with their classes).
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -14,10 +15,8 @@
 using ::testing::ElementsAre;
 using xk::module::ClassFactory;
 using xk::module::ClassRow;
+using xk::module::g_module;
 using xk::module::GetClassObject;
-using xk::module::kNoAggregation;
-using xktest::AssertionReport;
-using xktest::DebugOutputCapture;
 using xktest::FakeUnknown;
 
 namespace {
@@ -25,32 +24,29 @@ namespace {
 // What the process attach would have set up.
 class ModuleEnvironment : public ::testing::Environment {
  public:
-  void SetUp() override { InitializeCriticalSection(&xk::module::g_module.lock); }
+  void SetUp() override { InitializeCriticalSection(&g_module.lock); }
 };
 const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new ModuleEnvironment);
+
+void* const kSentinel = reinterpret_cast<void*>(0xDEADBEEF);
 
 // An object of a test class: it holds the module object count while it lives.
 class CountedObject : public IUnknown {
  public:
-  explicit CountedObject(LONG* objectCount) : m_objectCount(objectCount) {
-    if (m_objectCount) InterlockedIncrement(m_objectCount);
-  }
+  explicit CountedObject(LONG* count) : m_count(count) { if (m_count) InterlockedIncrement(m_count); }
   STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
     if (riid != IID_IUnknown) return *ppv = nullptr, E_NOINTERFACE;
-    *ppv = this;
-    AddRef();
-    return S_OK;
+    return *ppv = this, AddRef(), S_OK;
   }
   STDMETHODIMP_(ULONG) AddRef() override { return ++m_refs; }
   STDMETHODIMP_(ULONG) Release() override {
     if (--m_refs) return m_refs;
-    if (m_objectCount) InterlockedDecrement(m_objectCount);
-    delete this;
-    return 0;
+    if (m_count) InterlockedDecrement(m_count);
+    return delete this, 0;
   }
 
  private:
-  LONG* m_objectCount;
+  LONG* m_count;
   ULONG m_refs = 1;
 };
 
@@ -61,20 +57,13 @@ struct CreationCall {
   LONG* objectCount = nullptr;
   IID riid = GUID_NULL;
   int calls = 0;
-};
-CreationCall g_call;
-IUnknown* g_handOut = nullptr;       // queried for riid when set
-HRESULT g_creationResult = S_OK;     // returned when nothing is handed out
+} g_call;
+IUnknown* g_handOut = nullptr;    // queried for riid when set
+HRESULT g_creationResult = S_OK;  // returned when nothing is handed out
 
-HRESULT Record(REFCLSID id, IUnknown* outer, LONG* objectCount, REFIID riid) {
-  g_call.id = &id;
-  g_call.outer = outer;
-  g_call.objectCount = objectCount;
-  g_call.riid = riid;
-  ++g_call.calls;
-  return S_OK;
+void Record(REFCLSID id, IUnknown* outer, LONG* objectCount, REFIID riid) {
+  g_call = {&id, outer, objectCount, riid, g_call.calls + 1};
 }
-
 HRESULT CreateCounted(REFCLSID id, IUnknown* outer, LONG* objectCount, REFIID riid, void** ppv) {
   Record(id, outer, objectCount, riid);
   CountedObject* object = new CountedObject(objectCount);
@@ -82,20 +71,17 @@ HRESULT CreateCounted(REFCLSID id, IUnknown* outer, LONG* objectCount, REFIID ri
   object->Release();
   return hr;
 }
-
 HRESULT CreateHandOut(REFCLSID id, IUnknown* outer, LONG* objectCount, REFIID riid, void** ppv) {
   Record(id, outer, objectCount, riid);
-  if (!g_handOut) return g_creationResult;
-  return g_handOut->QueryInterface(riid, ppv);
+  return g_handOut ? g_handOut->QueryInterface(riid, ppv) : g_creationResult;
 }
 
 constexpr GUID kRefusing = {0x5A5E7E57, 0xFAC7, 0x0001, {1, 2, 3, 4, 5, 6, 7, 8}};
 constexpr GUID kAggregatable = {0x5A5E7E57, 0xFAC7, 0x0002, {1, 2, 3, 4, 5, 6, 7, 8}};
 constexpr GUID kProxyStub = {0x5A5E7E57, 0xFAC7, 0x0003, {1, 2, 3, 4, 5, 6, 7, 8}};
 constexpr GUID kAlmostRefusing = {0x5A5E7E57, 0xFAC7, 0x0001, {1, 2, 3, 4, 5, 6, 7, 9}};
-
 const ClassRow kTable[] = {
-    {&kRefusing, CreateCounted, kNoAggregation},
+    {&kRefusing, CreateCounted, xk::module::kNoAggregation},
     {&kAggregatable, CreateCounted, 0},
     {&kProxyStub, CreateHandOut, 0},
     {&kRefusing, CreateHandOut, 0},  // never reached: the first match wins
@@ -110,41 +96,50 @@ T* ClassObject(REFCLSID clsid, REFIID riid) {
 }
 
 // A stub whose Connect answers as told and which counts its references.
-class FakeStub : public IRpcStubBuffer {
- public:
-  explicit FakeStub(HRESULT connectResult) : m_connectResult(connectResult) {}
+struct FakeStub : IRpcStubBuffer {
+  explicit FakeStub(HRESULT connectResult) : connectResult(connectResult) {}
   STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {
     if (riid != IID_IUnknown && riid != IID_IRpcStubBuffer) return *ppv = nullptr, E_NOINTERFACE;
-    *ppv = static_cast<IRpcStubBuffer*>(this);
-    AddRef();
-    return S_OK;
+    return *ppv = static_cast<IRpcStubBuffer*>(this), AddRef(), S_OK;
   }
   STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++refs); }
   STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--refs); }
-  STDMETHODIMP Connect(IUnknown* server) override {
-    connectedTo = server;
-    return m_connectResult;
-  }
+  STDMETHODIMP Connect(IUnknown* server) override { return connectedTo = server, connectResult; }
   STDMETHODIMP_(void) Disconnect() override {}
   STDMETHODIMP Invoke(RPCOLEMESSAGE*, IRpcChannelBuffer*) override { return E_NOTIMPL; }
   STDMETHODIMP_(IRpcStubBuffer*) IsIIDSupported(REFIID) override { return nullptr; }
   STDMETHODIMP_(ULONG) CountRefs() override { return 0; }
   STDMETHODIMP DebugServerQueryInterface(void**) override { return E_NOTIMPL; }
   STDMETHODIMP_(void) DebugServerRelease(void*) override {}
-
+  HRESULT connectResult;
   long refs = 1;
   IUnknown* connectedTo = nullptr;
-
- private:
-  HRESULT m_connectResult;
 };
+
+// Calls LockServer(lock) 1000 times from each of four threads at once.
+void LockFromFourThreads(IClassFactory* factory, BOOL lock) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([factory, lock] {
+      for (int i = 0; i < 1000; ++i) factory->LockServer(lock);
+    });
+  for (std::thread& thread : threads) thread.join();
+}
+
+// A call and the code it must answer.
+struct Call {
+  const char* what;
+  HRESULT expected;
+  std::function<HRESULT()> call;
+};
+void ExpectAnswers(const std::vector<Call>& calls) {
+  for (const Call& c : calls) EXPECT_HR(c.expected, c.call()) << c.what;
+}
 
 class ClassFactoryTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    g_call = {};
-    g_handOut = nullptr;
-    g_creationResult = S_OK;
+    g_call = {}, g_handOut = nullptr, g_creationResult = S_OK;
     ASSERT_HR(S_OK, xk::module::CanUnloadNow());
   }
   void TearDown() override { EXPECT_HR(S_OK, xk::module::CanUnloadNow()); }
@@ -153,85 +148,93 @@ class ClassFactoryTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(ClassFactoryTest, TheSearchComparesAllSixteenBytesAndLeavesTheOutPointerWhenItFindsNothing) {
-  void* sentinel = reinterpret_cast<void*>(0xDEADBEEF);
-  void* out = sentinel;
+  void* out = kSentinel;
   EXPECT_HR(CLASS_E_CLASSNOTAVAILABLE, GetClassObject(kTable, kAlmostRefusing, IID_IClassFactory, &out));
-  EXPECT_EQ(sentinel, out);
-  EXPECT_HR(E_POINTER, GetClassObject(kTable, kRefusing, IID_IClassFactory, nullptr));
-
+  EXPECT_EQ(kSentinel, out);
   EXPECT_EQ(&kTable[0], xk::module::FindClassRow(kTable, kRefusing)) << "the first match wins";
   EXPECT_EQ(nullptr, xk::module::FindClassRow(kTable, kAlmostRefusing));
-
-  out = sentinel;
   EXPECT_HR(E_NOINTERFACE, GetClassObject(kTable, kRefusing, IID_IMarshal, &out));
   EXPECT_EQ(nullptr, out);
+}
+
+TEST_F(ClassFactoryTest, EveryMethodRefusesAMissingOutPointer) {
+  IClassFactory* factory = ClassObject<IClassFactory>(kProxyStub, IID_IClassFactory);
+  ASSERT_NE(nullptr, factory);
+  IPSFactoryBuffer* buffer = nullptr;
+  ASSERT_HR(S_OK, factory->QueryInterface(IID_IPSFactoryBuffer, reinterpret_cast<void**>(&buffer)));
+  FakeUnknown outer;
+  IRpcProxyBuffer* proxy = nullptr;
+  void* object = nullptr;
+  ExpectAnswers({
+      {"GetClassObject", E_POINTER, [] { return GetClassObject(kTable, kRefusing, IID_IClassFactory, nullptr); }},
+      {"QueryInterface", E_POINTER, [&] { return factory->QueryInterface(IID_IUnknown, nullptr); }},
+      {"CreateInstance", E_POINTER, [&] { return factory->CreateInstance(nullptr, IID_IUnknown, nullptr); }},
+      {"CreateProxy outer", E_POINTER, [&] { return buffer->CreateProxy(nullptr, IID_IUnknown, &proxy, &object); }},
+      {"CreateProxy proxy", E_POINTER, [&] { return buffer->CreateProxy(&outer, IID_IUnknown, nullptr, &object); }},
+      {"CreateProxy object", E_POINTER, [&] { return buffer->CreateProxy(&outer, IID_IUnknown, &proxy, nullptr); }},
+      {"CreateStub", E_POINTER, [&] { return buffer->CreateStub(IID_IUnknown, nullptr, nullptr); }},
+  });
+  EXPECT_EQ(0, g_call.calls);
+  EXPECT_EQ(1u, buffer->Release());
+  EXPECT_EQ(0u, factory->Release());
 }
 
 TEST_F(ClassFactoryTest, AnswersItsTwoFacesWithOneIdentityAndExactCounts) {
   IClassFactory* factory = ClassObject<IClassFactory>(kRefusing, IID_IClassFactory);
   ASSERT_NE(nullptr, factory);
-
-  void* unknown = nullptr;
+  void *unknown = nullptr, *buffer = nullptr, *back = nullptr, *refused = kSentinel;
   EXPECT_HR(S_OK, factory->QueryInterface(IID_IUnknown, &unknown));
   EXPECT_EQ(static_cast<void*>(factory), unknown) << "IUnknown is the IClassFactory face";
-  void* buffer = nullptr;
   EXPECT_HR(S_OK, factory->QueryInterface(IID_IPSFactoryBuffer, &buffer));
   ASSERT_NE(nullptr, buffer);
   EXPECT_NE(static_cast<void*>(factory), buffer);
-  void* back = nullptr;
   EXPECT_HR(S_OK, static_cast<IPSFactoryBuffer*>(buffer)->QueryInterface(IID_IUnknown, &back));
   EXPECT_EQ(unknown, back);
-
-  void* refused = reinterpret_cast<void*>(0xDEADBEEF);
   EXPECT_HR(E_NOINTERFACE, factory->QueryInterface(IID_IMarshal, &refused));
   EXPECT_EQ(nullptr, refused);
   EXPECT_HR(E_NOINTERFACE, factory->QueryInterface(IID_IRpcProxyBuffer, &refused));
-  EXPECT_HR(E_POINTER, factory->QueryInterface(IID_IUnknown, nullptr));
 
-  EXPECT_EQ(5u, factory->AddRef());
-  EXPECT_EQ(4u, static_cast<IPSFactoryBuffer*>(buffer)->Release());
-  EXPECT_EQ(3u, static_cast<IUnknown*>(back)->Release());
-  EXPECT_EQ(2u, static_cast<IUnknown*>(buffer)->Release());
-  EXPECT_EQ(1u, static_cast<IUnknown*>(unknown)->Release());
+  EXPECT_THAT((std::vector<ULONG>{factory->AddRef(), static_cast<IPSFactoryBuffer*>(buffer)->Release(),
+                                   static_cast<IUnknown*>(back)->Release(), static_cast<IUnknown*>(buffer)->Release(),
+                                   static_cast<IUnknown*>(unknown)->Release()}),
+              ElementsAre(5u, 4u, 3u, 2u, 1u));
   EXPECT_HR(S_OK, xk::module::CanUnloadNow()) << "a class object is no module object";
   EXPECT_EQ(0u, factory->Release());
+  // Every row answers as a proxy-stub factory too, straight from the search.
+  IPSFactoryBuffer* direct = ClassObject<IPSFactoryBuffer>(kRefusing, IID_IPSFactoryBuffer);
+  ASSERT_NE(nullptr, direct);
+  EXPECT_EQ(0u, direct->Release());
 }
 
-TEST_F(ClassFactoryTest, CreateInstanceHandsTheRowAndTheObjectCountToTheCreationFunction) {
-  xk::module::g_module.objectCount = 0;
+TEST_F(ClassFactoryTest, CreateInstanceHandsTheRowAndTheObjectCountOnAndRefusesAnUnwantedOuter) {
+  g_module.objectCount = 0;
   IClassFactory* factory = ClassObject<IClassFactory>(kAggregatable, IID_IClassFactory);
   ASSERT_NE(nullptr, factory);
-
-  EXPECT_HR(E_POINTER, factory->CreateInstance(nullptr, IID_IUnknown, nullptr));
-  IUnknown* object = reinterpret_cast<IUnknown*>(0xDEADBEEF);
+  IUnknown* object = static_cast<IUnknown*>(kSentinel);
   FakeUnknown outer;
   ASSERT_HR(S_OK, factory->CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&object)));
   EXPECT_EQ(&kAggregatable, g_call.id) << "the row's own identifier";
   EXPECT_EQ(&outer, g_call.outer);
-  EXPECT_EQ(&xk::module::g_module.objectCount, g_call.objectCount);
+  EXPECT_EQ(&g_module.objectCount, g_call.objectCount);
   EXPECT_EQ(IID_IUnknown, g_call.riid);
   EXPECT_HR(S_FALSE, xk::module::CanUnloadNow()) << "the object holds the module";
   EXPECT_EQ(0u, object->Release());
   EXPECT_HR(S_OK, xk::module::CanUnloadNow());
-
-  object = reinterpret_cast<IUnknown*>(0xDEADBEEF);
+  object = static_cast<IUnknown*>(kSentinel);
   EXPECT_HR(E_NOINTERFACE, factory->CreateInstance(nullptr, IID_IStream, reinterpret_cast<void**>(&object)));
   EXPECT_EQ(nullptr, object) << "the creation function's answer is passed on";
   EXPECT_EQ(0u, factory->Release());
-}
 
-TEST_F(ClassFactoryTest, CreateInstanceRefusesAnOuterUnknownOnARowThatCannotBeAggregated) {
-  IClassFactory* factory = ClassObject<IClassFactory>(kRefusing, IID_IClassFactory);
+  factory = ClassObject<IClassFactory>(kRefusing, IID_IClassFactory);
   ASSERT_NE(nullptr, factory);
-  FakeUnknown outer;
-  void* object = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(CLASS_E_NOAGGREGATION, factory->CreateInstance(&outer, IID_IUnknown, &object));
-  EXPECT_EQ(nullptr, object);
+  g_call = {};
+  void* refused = kSentinel;
+  EXPECT_HR(CLASS_E_NOAGGREGATION, factory->CreateInstance(&outer, IID_IUnknown, &refused));
+  EXPECT_EQ(nullptr, refused);
   EXPECT_EQ(0, g_call.calls);
   EXPECT_EQ(1, outer.refs);
-
-  ASSERT_HR(S_OK, factory->CreateInstance(nullptr, IID_IUnknown, &object));
-  EXPECT_EQ(0u, static_cast<IUnknown*>(object)->Release());
+  ASSERT_HR(S_OK, factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&object)));
+  EXPECT_EQ(0u, object->Release());
   EXPECT_EQ(0u, factory->Release());
 }
 
@@ -244,50 +247,27 @@ TEST_F(ClassFactoryTest, LockServerMovesDllCanUnloadNowAndTheLastUnlockAnswersUn
   EXPECT_HR(S_OK, factory->LockServer(FALSE));
   EXPECT_HR(S_FALSE, xk::module::CanUnloadNow());
   EXPECT_HR(E_UNEXPECTED, factory->LockServer(FALSE));
-  EXPECT_EQ(0, xk::module::g_module.lockCount);
+  EXPECT_EQ(0, g_module.lockCount);
   EXPECT_HR(S_OK, xk::module::CanUnloadNow());
-
   // An unbalanced unlock still changes the count.
   EXPECT_HR(E_UNEXPECTED, factory->LockServer(FALSE));
-  EXPECT_EQ(-1, xk::module::g_module.lockCount);
+  EXPECT_EQ(-1, g_module.lockCount);
   EXPECT_HR(E_UNEXPECTED, factory->LockServer(TRUE));
-  EXPECT_EQ(0, xk::module::g_module.lockCount);
+  EXPECT_EQ(0, g_module.lockCount);
 
-  // Locks from several threads at once are all counted.
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([factory] {
-      for (int i = 0; i < 1000; ++i) factory->LockServer(TRUE);
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(4000, xk::module::g_module.lockCount);
-  threads.clear();
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([factory] {
-      for (int i = 0; i < 1000; ++i) factory->LockServer(FALSE);
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(0, xk::module::g_module.lockCount);
+  LockFromFourThreads(factory, TRUE);
+  EXPECT_EQ(4000, g_module.lockCount);
+  LockFromFourThreads(factory, FALSE);
+  EXPECT_EQ(0, g_module.lockCount);
   EXPECT_EQ(0u, factory->Release());
-}
-
-TEST_F(ClassFactoryTest, EveryRowAnswersAsAProxyStubFactory) {
-  IPSFactoryBuffer* buffer = ClassObject<IPSFactoryBuffer>(kRefusing, IID_IPSFactoryBuffer);
-  ASSERT_NE(nullptr, buffer);
-  EXPECT_EQ(0u, buffer->Release());
 }
 
 TEST_F(ClassFactoryTest, CreateProxyHandsOutTheProxyAndTheInterfaceOrNeither) {
   IPSFactoryBuffer* buffer = ClassObject<IPSFactoryBuffer>(kProxyStub, IID_IPSFactoryBuffer);
   ASSERT_NE(nullptr, buffer);
-  FakeUnknown outer;
+  FakeUnknown outer, made(IID_IRpcProxyBuffer), noProxy(IID_IStream);
   IRpcProxyBuffer* proxy = nullptr;
   void* object = nullptr;
-  EXPECT_HR(E_POINTER, buffer->CreateProxy(nullptr, IID_IUnknown, &proxy, &object));
-  EXPECT_HR(E_POINTER, buffer->CreateProxy(&outer, IID_IUnknown, nullptr, &object));
-  EXPECT_HR(E_POINTER, buffer->CreateProxy(&outer, IID_IUnknown, &proxy, nullptr));
-
-  FakeUnknown made(IID_IRpcProxyBuffer);
   g_handOut = &made;
   ASSERT_HR(S_OK, buffer->CreateProxy(&outer, IID_IUnknown, &proxy, &object));
   EXPECT_EQ(&outer, g_call.outer);
@@ -298,34 +278,31 @@ TEST_F(ClassFactoryTest, CreateProxyHandsOutTheProxyAndTheInterfaceOrNeither) {
   EXPECT_EQ(3, made.refs) << "one reference each in proxy and object; the creation one released";
   made.refs = 1;
 
-  proxy = reinterpret_cast<IRpcProxyBuffer*>(0xDEADBEEF);
-  object = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(E_NOINTERFACE, buffer->CreateProxy(&outer, IID_IStream, &proxy, &object));
-  EXPECT_EQ(nullptr, proxy);
-  EXPECT_EQ(nullptr, object);
-  EXPECT_EQ(1, made.refs) << "a failed call leaves no reference behind";
-
-  FakeUnknown noProxy(IID_IStream);
-  g_handOut = &noProxy;
-  EXPECT_HR(E_NOINTERFACE, buffer->CreateProxy(&outer, IID_IStream, &proxy, &object));
-  EXPECT_EQ(nullptr, proxy);
+  // Each failure leaves both out pointers null and no reference behind.
+  const struct { FakeUnknown* handOut; HRESULT creation; HRESULT expected; } failures[] = {
+      {&made, S_OK, E_NOINTERFACE}, {&noProxy, S_OK, E_NOINTERFACE}, {nullptr, E_OUTOFMEMORY, E_OUTOFMEMORY}};
+  for (const auto& f : failures) {
+    g_handOut = f.handOut;
+    g_creationResult = f.creation;
+    proxy = static_cast<IRpcProxyBuffer*>(kSentinel);
+    object = kSentinel;
+    EXPECT_HR(f.expected, buffer->CreateProxy(&outer, IID_IStream, &proxy, &object));
+    EXPECT_EQ(nullptr, proxy);
+    EXPECT_EQ(nullptr, object);
+  }
+  EXPECT_EQ(1, made.refs);
   EXPECT_EQ(1, noProxy.refs);
-
-  g_handOut = nullptr;
-  g_creationResult = E_OUTOFMEMORY;
-  EXPECT_HR(E_OUTOFMEMORY, buffer->CreateProxy(&outer, IID_IUnknown, &proxy, &object));
+  EXPECT_EQ(1, outer.refs);
   EXPECT_EQ(0u, buffer->Release());
 }
 
 TEST_F(ClassFactoryTest, CreateStubConnectsTheServerAndDropsAStubThatRefusesIt) {
   IPSFactoryBuffer* buffer = ClassObject<IPSFactoryBuffer>(kProxyStub, IID_IPSFactoryBuffer);
   ASSERT_NE(nullptr, buffer);
-  EXPECT_HR(E_POINTER, buffer->CreateStub(IID_IUnknown, nullptr, nullptr));
-
-  FakeStub stub(S_OK);
-  g_handOut = &stub;
+  FakeStub stub(S_OK), refusing(E_ACCESSDENIED);
   FakeUnknown server;
   IRpcStubBuffer* made = nullptr;
+  g_handOut = &stub;
   ASSERT_HR(S_OK, buffer->CreateStub(IID_IRpcStubBuffer, &server, &made));
   EXPECT_EQ(&stub, made);
   EXPECT_EQ(&server, stub.connectedTo);
@@ -334,13 +311,11 @@ TEST_F(ClassFactoryTest, CreateStubConnectsTheServerAndDropsAStubThatRefusesIt) 
   EXPECT_EQ(IID_IRpcStubBuffer, g_call.riid);
   EXPECT_EQ(2, stub.refs);
 
-  FakeStub refusing(E_ACCESSDENIED);
   g_handOut = &refusing;
-  made = reinterpret_cast<IRpcStubBuffer*>(0xDEADBEEF);
+  made = static_cast<IRpcStubBuffer*>(kSentinel);
   EXPECT_HR(E_ACCESSDENIED, buffer->CreateStub(IID_IRpcStubBuffer, &server, &made));
   EXPECT_EQ(nullptr, made);
   EXPECT_EQ(1, refusing.refs);
-
   refusing.connectedTo = nullptr;
   EXPECT_HR(S_OK, buffer->CreateStub(IID_IRpcStubBuffer, nullptr, &made)) << "no server, no Connect";
   EXPECT_EQ(nullptr, refusing.connectedTo);
@@ -350,19 +325,18 @@ TEST_F(ClassFactoryTest, CreateStubConnectsTheServerAndDropsAStubThatRefusesIt) 
 TEST_F(ClassFactoryTest, AClassObjectWithoutARowReportsItAndAnswersUnexpected) {
   ClassFactory* factory = ClassFactory::Create(nullptr);
   ASSERT_NE(nullptr, factory);
-  DebugOutputCapture capture;
+  xktest::DebugOutputCapture capture;
   FakeUnknown outer;
-  void* object = reinterpret_cast<void*>(0xDEADBEEF);
+  void* object = kSentinel;
   IRpcProxyBuffer* proxy = nullptr;
-  IRpcStubBuffer* stub = reinterpret_cast<IRpcStubBuffer*>(0xDEADBEEF);
-  EXPECT_HR(E_UNEXPECTED, factory->CreateInstance(nullptr, IID_IUnknown, &object));
+  IRpcStubBuffer* stub = static_cast<IRpcStubBuffer*>(kSentinel);
+  ExpectAnswers({{"CreateInstance", E_UNEXPECTED, [&] { return factory->CreateInstance(nullptr, IID_IUnknown, &object); }},
+                 {"CreateProxy", E_UNEXPECTED, [&] { return factory->CreateProxy(&outer, IID_IUnknown, &proxy, &object); }},
+                 {"CreateStub", E_UNEXPECTED, [&] { return factory->CreateStub(IID_IUnknown, &outer, &stub); }}});
   EXPECT_EQ(nullptr, object);
-  EXPECT_HR(E_UNEXPECTED, factory->CreateProxy(&outer, IID_IUnknown, &proxy, &object));
-  EXPECT_HR(E_UNEXPECTED, factory->CreateStub(IID_IUnknown, &outer, &stub));
   EXPECT_EQ(nullptr, stub);
-  EXPECT_THAT(capture.Assertions(),
-              ElementsAre(AssertionReport{"MOFactry", 248, "m_pItem"},
-                          AssertionReport{"MOFactry", 299, "m_pItem"},
-                          AssertionReport{"MOFactry", 346, "m_pItem"}));
+  EXPECT_THAT(capture.Assertions(), ElementsAre(xktest::AssertionReport{"MOFactry", 248, "m_pItem"},
+                                                xktest::AssertionReport{"MOFactry", 299, "m_pItem"},
+                                                xktest::AssertionReport{"MOFactry", 346, "m_pItem"}));
   EXPECT_EQ(0u, factory->Release());
 }

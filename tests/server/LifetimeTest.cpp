@@ -4,81 +4,60 @@
 #include <gmock/gmock.h>
 
 #include <cstdio>
-#include <cstring>
 
 #include "DebugOutput.h"
-
-using ::testing::ElementsAre;
-using xktest::DebugOutputCapture;
 
 namespace {
 
 constexpr ULONG_PTR kLinkedBase = 0x6A400000;
 
-std::string PathOf(HMODULE module) {
-  char path[MAX_PATH];
-  return std::string(path, GetModuleFileNameA(module, path, MAX_PATH));
-}
-
-std::string LoadLine(const char* word, const char* kind, const std::string& path,
-                     const std::string& suffix = "") {
+std::string LoadLine(const char* word, const char* kind, const std::string& path, const std::string& suffix = "") {
   return std::string("XKComBsD.dll - ") + word + " (" + kind + ") \"" + path + "\"" + suffix + "\n";
 }
 
-std::string Hex8(ULONG_PTR value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "0x%08lx", static_cast<unsigned long>(value));
-  return text;
+// Every line of a load and unload, in order; the services start and stop once.
+std::vector<std::string> LifetimeLines(const char* kind, const std::string& path) {
+  return {LoadLine("initializing", kind, path), "XKCmnBaD: services started (1)\n", "XKCmnBaD: COM work begins\n",
+          "XKCmnBaD: COM work ends\n", LoadLine("terminating", kind, path), "XKCmnBaD: COM work begins\n",
+          "XKCmnBaD: COM work ends\n", "XKCmnBaD: services stopped (0)\n"};
 }
 
-std::vector<std::string> FamilyLines(const std::vector<std::string>& lines) {
-  std::vector<std::string> family;
-  for (const std::string& line : lines)
-    if (line.rfind("XK", 0) == 0) family.push_back(line);
-  return family;
+// Loads and frees the library explicitly; its address and path.
+std::pair<ULONG_PTR, std::string> LoadAndFree() {
+  HMODULE module = LoadLibraryW(L"XKComBsD.dll");
+  if (!module) return {0, ""};
+  char path[MAX_PATH];
+  std::string text(path, GetModuleFileNameA(module, path, MAX_PATH));
+  EXPECT_TRUE(FreeLibrary(module));
+  return {reinterpret_cast<ULONG_PTR>(module), text};
 }
 
 }  // namespace
 
 TEST(ModuleLifetime, ExplicitLoadAndUnloadTraceEveryStepInOrder) {
-  DebugOutputCapture capture;
-  HMODULE module = LoadLibraryW(L"XKComBsD.dll");
-  ASSERT_NE(nullptr, module);
-  EXPECT_EQ(kLinkedBase, reinterpret_cast<ULONG_PTR>(module));
-  const std::string path = PathOf(module);
-  ASSERT_TRUE(FreeLibrary(module));
-
-  EXPECT_THAT(capture.Lines(),
-              ElementsAre(LoadLine("initializing", "explicit", path),
-                          "XKCmnBaD: services started (1)\n", "XKCmnBaD: COM work begins\n",
-                          "XKCmnBaD: COM work ends\n", LoadLine("terminating", "explicit", path),
-                          "XKCmnBaD: COM work begins\n", "XKCmnBaD: COM work ends\n",
-                          "XKCmnBaD: services stopped (0)\n"));
+  xktest::DebugOutputCapture capture;
+  const auto [address, path] = LoadAndFree();
+  EXPECT_EQ(kLinkedBase, address);
+  EXPECT_EQ(LifetimeLines("explicit", path), capture.Lines());
 }
 
 TEST(ModuleLifetime, LoadAwayFromTheLinkedBaseWarnsWithBothAddresses) {
   // Taking the linked address first forces the loader to relocate the library.
-  void* taken = VirtualAlloc(reinterpret_cast<void*>(kLinkedBase), 0x10000, MEM_RESERVE,
-                             PAGE_NOACCESS);
+  void* taken = VirtualAlloc(reinterpret_cast<void*>(kLinkedBase), 0x10000, MEM_RESERVE, PAGE_NOACCESS);
   ASSERT_EQ(kLinkedBase, reinterpret_cast<ULONG_PTR>(taken));
-
-  DebugOutputCapture capture;
-  HMODULE module = LoadLibraryW(L"XKComBsD.dll");
-  ASSERT_NE(nullptr, module);
-  const ULONG_PTR actual = reinterpret_cast<ULONG_PTR>(module);
-  const std::string path = PathOf(module);
-  ASSERT_TRUE(FreeLibrary(module));
+  xktest::DebugOutputCapture capture;
+  const auto [address, path] = LoadAndFree();
   VirtualFree(taken, 0, MEM_RELEASE);
-
-  ASSERT_NE(kLinkedBase, actual);
-  ASSERT_LT(actual, 0x100000000ull) << "the relocated address has more than eight digits";
+  ASSERT_NE(0u, address);
+  ASSERT_NE(kLinkedBase, address);
+  ASSERT_LT(address, 0x100000000ull) << "the relocated address has more than eight digits";
+  char relocated[32];
+  std::snprintf(relocated, sizeof relocated, "0x%08lx", static_cast<unsigned long>(address));
   const std::vector<std::string> lines = capture.Lines();
   ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(LoadLine("initializing", "explicit", path,
-                     " - WARNING: relocated from 0x6a400000 => " + Hex8(actual)),
-            lines.front());
-  // Detach never carries the warning.
-  EXPECT_THAT(lines, ::testing::Contains(LoadLine("terminating", "explicit", path)));
+  EXPECT_EQ(LoadLine("initializing", "explicit", path, " - WARNING: relocated from 0x6a400000 => " +
+                                                             std::string(relocated)), lines.front());
+  EXPECT_THAT(lines, ::testing::Contains(LoadLine("terminating", "explicit", path))) << "no warning at detach";
 }
 
 TEST(ModuleLifetime, StaticLoadTracesImplicitAttachBeforeMainAndDetachAtExit) {
@@ -86,12 +65,8 @@ TEST(ModuleLifetime, StaticLoadTracesImplicitAttachBeforeMainAndDetachAtExit) {
   const xktest::DebuggeeRun run = xktest::RunUnderDebugger(L"\"" + probe + L"\"", 60000);
   ASSERT_TRUE(run.finished);
   EXPECT_EQ(0u, run.exitCode);
-
-  const std::string path = xktest::ExecutableDirectoryA() + "\\XKComBsD.dll";
-  EXPECT_THAT(FamilyLines(run.output),
-              ElementsAre(LoadLine("initializing", "implicit", path),
-                          "XKCmnBaD: services started (1)\n", "XKCmnBaD: COM work begins\n",
-                          "XKCmnBaD: COM work ends\n", LoadLine("terminating", "implicit", path),
-                          "XKCmnBaD: COM work begins\n", "XKCmnBaD: COM work ends\n",
-                          "XKCmnBaD: services stopped (0)\n"));
+  std::vector<std::string> family;  // the library family's own lines
+  for (const std::string& line : run.output)
+    if (line.rfind("XK", 0) == 0) family.push_back(line);
+  EXPECT_EQ(LifetimeLines("implicit", xktest::ExecutableDirectoryA() + "\\XKComBsD.dll"), family);
 }

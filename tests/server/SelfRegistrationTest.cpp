@@ -9,7 +9,6 @@
 
 #include <fstream>
 #include <sstream>
-#include <string>
 
 #include "DebugOutput.h"
 #include "HResult.h"
@@ -21,7 +20,6 @@ using ::testing::Optional;
 using ::testing::UnorderedElementsAre;
 using xktest::GuidText;
 using xktest::KeyExists;
-using xktest::StringValue;
 using xktest::SubKeys;
 
 namespace {
@@ -29,136 +27,99 @@ namespace {
 const HKEY kRoot = HKEY_CLASSES_ROOT;
 constexpr char kKnownLibraries[] = "SYSTEM\\CurrentControlSet\\Control\\Session Manager\\KnownDlls";
 
-struct ClassStep {
-  const GUID* id;
-  const char* name;
-  const char* progID;
-  const char* threadingModel;
-};
-const ClassStep kClasses[] = {
+// The library's classes and interfaces in their registration order.
+const struct { const GUID* id; const char* name; const char* progID; const char* threadingModel; } kClasses[] = {
     {&CLSID_QvEnumGUID, "EnumGUID Class", "QuorvelSoftware.EnumGUID", "Both"},
     {&CLSID_QvEnumUnknown, "EnumUnknown Class", "QuorvelSoftware.EnumUnknown", "Both"},
     {&CLSID_QvEnumString, "EnumString Class", "QuorvelSoftware.EnumString", "Both"},
     {&CLSID_QvPropertyBag, "PropertyBag Class", "QuorvelSoftware.PropertyBag", "Both"},
-    {&CLSID_QvPropertyBag_ST, "PropertyBag Class (single threaded)",
-     "QuorvelSoftware.PropertyBag_ST", "Apartment"},
+    {&CLSID_QvPropertyBag_ST, "PropertyBag Class (single threaded)", "QuorvelSoftware.PropertyBag_ST", "Apartment"},
     {&CLSID_QvFreeThreadedUnmarshaler, "FTP", nullptr, "Both"},
     {&CLSID_QvFreeThreadedMarshaler, "FTM", nullptr, "Both"},
 };
-
-struct InterfaceStep {
-  const GUID* id;
-  const char* name;
-};
-const InterfaceStep kInterfaces[] = {
-    {&IID_IQvEnumGUID, "IEnumGUID"},       {&IID_ICollGUID, "ICollGUID"},
-    {&IID_ISeqGUID, "ISeqGUID"},           {&IID_ICollUnknown, "ICollUnknown"},
-    {&IID_ISeqUnknown, "ISeqUnknown"},     {&IID_ICollString, "ICollString"},
-    {&IID_ISeqString, "ISeqString"},       {&IID_IPropertyBagEdit, "IPropertyBagEdit"},
-    {&IID_QvInterface0002, nullptr},
+const struct { const GUID* id; const char* name; } kInterfaces[] = {
+    {&IID_IQvEnumGUID, "IEnumGUID"},     {&IID_ICollGUID, "ICollGUID"},   {&IID_ISeqGUID, "ISeqGUID"},
+    {&IID_ICollUnknown, "ICollUnknown"}, {&IID_ISeqUnknown, "ISeqUnknown"}, {&IID_ICollString, "ICollString"},
+    {&IID_ISeqString, "ISeqString"},     {&IID_IPropertyBagEdit, "IPropertyBagEdit"}, {&IID_QvInterface0002, nullptr},
 };
 
 std::string LibraryPath() { return xktest::ExecutableDirectoryA() + "\\XKComBsD.dll"; }
 
-void ExpectInprocServer(const std::string& classKey, const std::string& path, const char* model) {
-  EXPECT_THAT(StringValue(kRoot, classKey + "\\InprocServer32"), Optional(path)) << classKey;
-  EXPECT_THAT(StringValue(kRoot, classKey + "\\InprocServer32", "ThreadingModel"),
-              Optional(std::string(model)))
-      << classKey;
+void ExpectText(const std::string& key, const std::string& text, const char* name = nullptr) {
+  EXPECT_THAT(xktest::StringValue(kRoot, key, name), Optional(text)) << key;
 }
 
 // Every key and value of the library's registration, with its exact text.
 void ExpectRegistered(const std::string& path) {
-  for (const ClassStep& step : kClasses) {
-    SCOPED_TRACE(step.name);
-    const std::string classKey = "CLSID\\" + GuidText(*step.id);
-    EXPECT_THAT(StringValue(kRoot, classKey), Optional(std::string(step.name)));
-    ExpectInprocServer(classKey, path, step.threadingModel);
-    if (!step.progID) {
-      EXPECT_THAT(SubKeys(kRoot, classKey), ElementsAre("InprocServer32"));
+  for (const auto& c : kClasses) {
+    const std::string key = "CLSID\\" + GuidText(*c.id), id = GuidText(*c.id);
+    ExpectText(key, c.name);
+    ExpectText(key + "\\InprocServer32", path);
+    ExpectText(key + "\\InprocServer32", c.threadingModel, "ThreadingModel");
+    if (!c.progID) {
+      EXPECT_THAT(SubKeys(kRoot, key), ElementsAre("InprocServer32"));
       continue;
     }
-    const std::string independent = step.progID;
-    const std::string versioned = independent + ".1";
-    EXPECT_THAT(SubKeys(kRoot, classKey),
-                UnorderedElementsAre("InprocServer32", "ProgID", "VersionIndependentProgID"));
-    EXPECT_THAT(StringValue(kRoot, classKey + "\\ProgID"), Optional(versioned));
-    EXPECT_THAT(StringValue(kRoot, classKey + "\\VersionIndependentProgID"), Optional(independent));
-    EXPECT_THAT(StringValue(kRoot, versioned), Optional(std::string(step.name)));
-    EXPECT_THAT(StringValue(kRoot, versioned + "\\CLSID"), Optional(GuidText(*step.id)));
-    EXPECT_THAT(StringValue(kRoot, versioned + "\\CurVer"), Optional(versioned));
-    EXPECT_THAT(StringValue(kRoot, independent), Optional(std::string(step.name)));
+    const std::string independent = c.progID, versioned = independent + ".1";
+    EXPECT_THAT(SubKeys(kRoot, key), UnorderedElementsAre("InprocServer32", "ProgID", "VersionIndependentProgID"));
     EXPECT_THAT(SubKeys(kRoot, independent), ElementsAre("CLSID"));
-    EXPECT_THAT(StringValue(kRoot, independent + "\\CLSID"), Optional(GuidText(*step.id)));
+    for (const auto& [k, text] : std::initializer_list<std::pair<std::string, std::string>>{
+             {key + "\\ProgID", versioned}, {key + "\\VersionIndependentProgID", independent}, {versioned, c.name},
+             {versioned + "\\CLSID", id}, {versioned + "\\CurVer", versioned}, {independent, c.name},
+             {independent + "\\CLSID", id}})
+      ExpectText(k, text);
   }
-  for (const InterfaceStep& step : kInterfaces) {
-    const std::string text = GuidText(*step.id);
-    SCOPED_TRACE(text);
-    const std::string factoryName = step.name ? std::string(step.name) + " ProxyStub Factory" : "";
-    EXPECT_THAT(StringValue(kRoot, "CLSID\\" + text), Optional(factoryName));
-    ExpectInprocServer("CLSID\\" + text, path, "Both");
-    if (step.name)
-      EXPECT_THAT(StringValue(kRoot, "Interface\\" + text), Optional(std::string(step.name)));
-    else
-      EXPECT_THAT(xktest::ValueNames(kRoot, "Interface\\" + text), IsEmpty());
-    EXPECT_THAT(StringValue(kRoot, "Interface\\" + text + "\\ProxyStubClsid32"), Optional(text));
+  for (const auto& i : kInterfaces) {
+    const std::string id = GuidText(*i.id);
+    ExpectText("CLSID\\" + id, i.name ? std::string(i.name) + " ProxyStub Factory" : "");
+    ExpectText("CLSID\\" + id + "\\InprocServer32", path);
+    ExpectText("CLSID\\" + id + "\\InprocServer32", "Both", "ThreadingModel");
+    if (i.name) ExpectText("Interface\\" + id, i.name);
+    else EXPECT_THAT(xktest::ValueNames(kRoot, "Interface\\" + id), IsEmpty());
+    ExpectText("Interface\\" + id + "\\ProxyStubClsid32", id);
   }
 }
 
 void ExpectUnregistered() {
-  for (const ClassStep& step : kClasses) {
-    EXPECT_FALSE(KeyExists(kRoot, "CLSID\\" + GuidText(*step.id))) << step.name;
-    if (step.progID) {
-      EXPECT_FALSE(KeyExists(kRoot, step.progID)) << step.progID;
-      EXPECT_FALSE(KeyExists(kRoot, std::string(step.progID) + ".1")) << step.progID;
-    }
+  std::vector<std::string> keys;
+  for (const auto& c : kClasses) {
+    keys.push_back("CLSID\\" + GuidText(*c.id));
+    if (c.progID) keys.insert(keys.end(), {c.progID, std::string(c.progID) + ".1"});
   }
-  for (const InterfaceStep& step : kInterfaces) {
-    EXPECT_FALSE(KeyExists(kRoot, "CLSID\\" + GuidText(*step.id)));
-    EXPECT_FALSE(KeyExists(kRoot, "Interface\\" + GuidText(*step.id)));
-  }
-}
-
-// Runs a program of the prefix to its end; its exit code.
-DWORD RunToEnd(const std::string& commandLine) { return xktest::RunToEnd(commandLine, 120000); }
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  for (const auto& i : kInterfaces) keys.insert(keys.end(), {"CLSID\\" + GuidText(*i.id), "Interface\\" + GuidText(*i.id)});
+  for (const std::string& key : keys) EXPECT_FALSE(KeyExists(kRoot, key)) << key;
 }
 
 // HKEY_CLASSES_ROOT exported whole by the prefix's own registry tool.
 std::string ExportClassesRoot(const std::string& file) {
   DeleteFileA(file.c_str());
-  EXPECT_EQ(0u, RunToEnd("reg.exe export HKEY_CLASSES_ROOT \"" + file + "\" /y"));
-  const std::string text = ReadFile(file);
+  EXPECT_EQ(0u, xktest::RunToEnd("reg.exe export HKEY_CLASSES_ROOT \"" + file + "\" /y", 120000));
+  std::ostringstream text;
+  text << std::ifstream(file, std::ios::binary).rdbuf();
   DeleteFileA(file.c_str());
-  return text;
+  return text.str();
 }
 
-// A key made for one test whose access is then denied to everyone; its owner
-// may still give the access back, and does so before removing it.
+// A key made for one test whose access is denied to everyone; its owner may
+// still give the access back, and does so before removing it.
 class DeniedKey {
  public:
-  explicit DeniedKey(const std::string& path) : m_path(path) {
-    RegCreateKeyExA(kRoot, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr);
+  explicit DeniedKey(const char* path) : m_path(path) {
+    RegCreateKeyExA(kRoot, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr);
+    InitializeAcl(&m_denyAll, sizeof(ACL), ACL_REVISION);
     SetDacl(&m_denyAll);
   }
   ~DeniedKey() {
     SetDacl(nullptr);  // no DACL: everyone may again
     RegCloseKey(m_key);
-    RegDeleteTreeA(kRoot, m_path.c_str());
+    RegDeleteTreeA(kRoot, m_path);
   }
 
  private:
   void SetDacl(ACL* dacl) {
-    if (dacl) InitializeAcl(dacl, sizeof(ACL), ACL_REVISION);
-    SetSecurityInfo(m_key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl,
-                    nullptr);
+    SetSecurityInfo(m_key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr);
   }
-  std::string m_path;
+  const char* m_path;
   HKEY m_key = nullptr;
   ACL m_denyAll;
 };
@@ -175,14 +136,14 @@ class SelfRegistration : public ::testing::Test {
 }  // namespace
 
 TEST_F(SelfRegistration, WritesEveryStepWithTheLibrarysOwnPathAndRemovesThemAll) {
-  ASSERT_HR(S_OK, DllRegisterServer());
-  ExpectRegistered(LibraryPath());
-  EXPECT_HR(S_OK, DllRegisterServer()) << "registering again rewrites the same entries";
-  ExpectRegistered(LibraryPath());
-
-  EXPECT_HR(S_OK, DllUnregisterServer());
-  ExpectUnregistered();
-  EXPECT_HR(S_OK, DllUnregisterServer()) << "nothing left to remove is no failure";
+  for (int round = 0; round < 2; ++round) {  // registering again rewrites the same entries
+    ASSERT_HR(S_OK, DllRegisterServer()) << round;
+    ExpectRegistered(LibraryPath());
+  }
+  for (int round = 0; round < 2; ++round) {  // nothing left to remove is no failure
+    EXPECT_HR(S_OK, DllUnregisterServer()) << round;
+    ExpectUnregistered();
+  }
 }
 
 TEST_F(SelfRegistration, RecordsItselfAmongTheKnownLibrariesOnlyWhereTheSystemKeepsThem) {
@@ -193,37 +154,34 @@ TEST_F(SelfRegistration, RecordsItselfAmongTheKnownLibrariesOnlyWhereTheSystemKe
   xktest::KeyTreeCleanup cleanup(HKEY_LOCAL_MACHINE, {kKnownLibraries});
   xktest::WriteString(HKEY_LOCAL_MACHINE, kKnownLibraries, "Other", "other.dll");
   ASSERT_HR(S_OK, DllRegisterServer());
-  EXPECT_THAT(StringValue(HKEY_LOCAL_MACHINE, kKnownLibraries, "XKComBsc"), Optional(LibraryPath()));
+  EXPECT_THAT(xktest::StringValue(HKEY_LOCAL_MACHINE, kKnownLibraries, "XKComBsc"), Optional(LibraryPath()));
   EXPECT_HR(S_OK, DllUnregisterServer());
   EXPECT_THAT(xktest::ValueNames(HKEY_LOCAL_MACHINE, kKnownLibraries), ElementsAre("Other"));
 }
 
 TEST_F(SelfRegistration, AFailedStepStopsTheRegistrationWithSelfRegClassError) {
   {
-    // The ProgID key of the first class cannot be opened for writing, so its
-    // registration fails and rolls itself back; nothing after it is written.
+    // The first class's ProgID key cannot be opened for writing: its registration
+    // fails and rolls itself back, and nothing after it is written.
     DeniedKey denied("QuorvelSoftware.EnumGUID.1");
     EXPECT_HR(SELFREG_E_CLASS, DllRegisterServer());
-    EXPECT_FALSE(KeyExists(kRoot, "CLSID\\" + GuidText(CLSID_QvEnumGUID)));
+    for (const GUID* id : {&CLSID_QvEnumGUID, &CLSID_QvFreeThreadedMarshaler})
+      EXPECT_FALSE(KeyExists(kRoot, "CLSID\\" + GuidText(*id)));
     EXPECT_FALSE(KeyExists(kRoot, "Interface\\" + GuidText(IID_IQvEnumGUID)));
-    EXPECT_FALSE(KeyExists(kRoot, "CLSID\\" + GuidText(CLSID_QvFreeThreadedMarshaler)));
   }
   EXPECT_FALSE(KeyExists(kRoot, "QuorvelSoftware.EnumGUID.1"));
 }
 
 TEST(Regsvr32, RegisteringAndUnregisteringLeavesTheClassesRootAsItWas) {
-  const std::string dir = xktest::ExecutableDirectoryA();
-  const std::string library = LibraryPath();
+  const std::string dir = xktest::ExecutableDirectoryA(), library = LibraryPath();
   const std::string before = ExportClassesRoot(dir + "\\hkcr-before.reg");
   ASSERT_GT(before.size(), 1000u);
-
-  ASSERT_EQ(0u, RunToEnd("regsvr32.exe /s \"" + library + "\""));
+  ASSERT_EQ(0u, xktest::RunToEnd("regsvr32.exe /s \"" + library + "\"", 120000));
   ExpectRegistered(library);
   EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kKnownLibraries));
-
-  ASSERT_EQ(0u, RunToEnd("regsvr32.exe /s /u \"" + library + "\""));
+  ASSERT_EQ(0u, xktest::RunToEnd("regsvr32.exe /s /u \"" + library + "\"", 120000));
   ExpectUnregistered();
   const std::string after = ExportClassesRoot(dir + "\\hkcr-after.reg");
-  EXPECT_TRUE(before == after) << "HKEY_CLASSES_ROOT differs after regsvr32 and regsvr32 /u ("
-                               << before.size() << " and " << after.size() << " bytes)";
+  EXPECT_TRUE(before == after) << "HKEY_CLASSES_ROOT differs after regsvr32 and regsvr32 /u (" << before.size()
+                               << " and " << after.size() << " bytes)";
 }
