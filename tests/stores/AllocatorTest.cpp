@@ -11,135 +11,117 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using xktest::AssertionReport;
 using xktest::DebugOutputCapture;
+using xk::stores::HeapAllocator;
 
 namespace {
 
-const AssertionReport kOutstandingAtDestruction{"MLAtor", 200, "m_cAllocs == 0"};
+constexpr ULONG kUnknownSize = 0xFFFFFFFF;
+DWORD HeapCount() { return GetProcessHeaps(0, nullptr); }
 
-struct HeapFactory {
-  static xk::AllocatorBase* Make() { return new xk::stores::HeapAllocator(NULL, false); }
-};
-struct TaskFactory {
-  static xk::AllocatorBase* Make() { return new xk::stores::TaskAllocator(NULL, false); }
+// Calls go through the table, as a caller that knows no classes makes them.
+struct Table {
+  explicit Table(xk::AllocatorBase* allocator) : itf(allocator->Interface()) {}
+  ULONG AddRef() { return itf->lpVtbl->AddRef(itf); }
+  ULONG Release() { return itf->lpVtbl->Release(itf); }
+  void* Alloc(ULONG cb) { return itf->lpVtbl->Alloc(itf, cb); }
+  void* Realloc(void* pv, ULONG cb) { return itf->lpVtbl->Realloc(itf, pv, cb); }
+  void Free(void* pv) { itf->lpVtbl->Free(itf, pv); }
+  ULONG GetSize(void* pv) { return itf->lpVtbl->GetSize(itf, pv); }
+  void HeapMinimise() { itf->lpVtbl->HeapMinimise(itf); }
+  IAllocator* itf;
 };
 
-template <class Factory>
+template <class Allocator>
 class AllocatorTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_allocator = Factory::Make();
-    ASSERT_NE(nullptr, m_allocator);
-    m_table = m_allocator->Interface();
-  }
   void TearDown() override {
-    if (m_allocator) EXPECT_EQ(0u, m_table->lpVtbl->Release(m_table));
+    if (m_allocator) EXPECT_EQ(0u, m_table.Release());
     EXPECT_EQ(0, m_spy.Outstanding());
   }
-
-  // Calls go through the table, as a caller that knows no classes makes them.
-  void* Alloc(ULONG cb) { return m_table->lpVtbl->Alloc(m_table, cb); }
-  void* Realloc(void* pv, ULONG cb) { return m_table->lpVtbl->Realloc(m_table, pv, cb); }
-  void Free(void* pv) { m_table->lpVtbl->Free(m_table, pv); }
-  ULONG GetSize(void* pv) { return m_table->lpVtbl->GetSize(m_table, pv); }
   LONG Blocks() const { return m_allocator->OutstandingBlocks(); }
 
   xktest::MallocSpy m_spy;
-  xk::AllocatorBase* m_allocator = nullptr;
-  IAllocator* m_table = nullptr;
+  xk::AllocatorBase* m_allocator = new Allocator(NULL, false);
+  Table m_table{m_allocator};
 };
-
-using Allocators = ::testing::Types<HeapFactory, TaskFactory>;
+using Allocators = ::testing::Types<HeapAllocator, xk::stores::TaskAllocator>;
 TYPED_TEST_SUITE(AllocatorTest, Allocators);
 
 }  // namespace
 
-TYPED_TEST(AllocatorTest, AnswersUnknownAndIgnoresFreesUntilItHasAllocated) {
+TYPED_TEST(AllocatorTest, AnswersUnknownAndAcquiresNothingUntilItAllocates) {
   BYTE notOurs[4];
-  EXPECT_EQ(0xFFFFFFFFu, this->GetSize(notOurs)) << "no memory manager yet";
-  EXPECT_EQ(0xFFFFFFFFu, this->GetSize(nullptr));
-  this->m_table->lpVtbl->HeapMinimise(this->m_table);
+  EXPECT_EQ(kUnknownSize, this->m_table.GetSize(notOurs)) << "no memory manager yet";
+  EXPECT_EQ(kUnknownSize, this->m_table.GetSize(nullptr));
+  this->m_table.HeapMinimise();
   EXPECT_EQ(0, this->Blocks());
   EXPECT_THAT(this->m_spy.AllocRequests(), IsEmpty());
+  EXPECT_EQ(2u, this->m_table.AddRef()) << "references are counted through the table";
+  EXPECT_EQ(2, this->m_allocator->GetRefCount());
+  EXPECT_EQ(1u, this->m_table.Release());
 }
 
 TYPED_TEST(AllocatorTest, CountsEveryBlockHandedOutAndTakenBack) {
-  void* a = this->Alloc(10);
+  void* a = this->m_table.Alloc(10);
   ASSERT_NE(nullptr, a);
   EXPECT_EQ(1, this->Blocks());
-  EXPECT_LE(10u, this->GetSize(a));
-  EXPECT_EQ(0xFFFFFFFFu, this->GetSize(nullptr));
-
-  void* b = this->Realloc(nullptr, 20);  // as Alloc
+  EXPECT_LE(10u, this->m_table.GetSize(a));
+  EXPECT_EQ(kUnknownSize, this->m_table.GetSize(nullptr));
+  void* b = this->m_table.Realloc(nullptr, 20);  // as Alloc
   ASSERT_NE(nullptr, b);
   EXPECT_EQ(2, this->Blocks());
-
-  void* grown = this->Realloc(a, 4000);
+  void* grown = this->m_table.Realloc(a, 4000);
   ASSERT_NE(nullptr, grown);
-  EXPECT_LE(4000u, this->GetSize(grown));
+  EXPECT_LE(4000u, this->m_table.GetSize(grown));
   EXPECT_EQ(2, this->Blocks()) << "a resize is the same block";
-
-  EXPECT_EQ(nullptr, this->Realloc(grown, 0)) << "resizing to 0 frees";
+  EXPECT_EQ(nullptr, this->m_table.Realloc(grown, 0)) << "resizing to 0 frees";
   EXPECT_EQ(1, this->Blocks());
-  this->Free(nullptr);
+  this->m_table.Free(nullptr);
   EXPECT_EQ(1, this->Blocks());
-  this->Free(b);
+  this->m_table.Free(b);
   EXPECT_EQ(0, this->Blocks());
-  this->m_table->lpVtbl->HeapMinimise(this->m_table);
-}
-
-TYPED_TEST(AllocatorTest, ReferencesAreCountedThroughTheTable) {
-  EXPECT_EQ(2u, this->m_table->lpVtbl->AddRef(this->m_table));
-  EXPECT_EQ(2, this->m_allocator->GetRefCount());
-  EXPECT_EQ(1u, this->m_table->lpVtbl->Release(this->m_table));
+  this->m_table.HeapMinimise();
 }
 
 TYPED_TEST(AllocatorTest, DyingWithBlocksOutIsReportedAndStillCompletes) {
   DebugOutputCapture capture;
-  void* left = this->Alloc(32);
+  void* left = this->m_table.Alloc(32);
   ASSERT_NE(nullptr, left);
   this->m_allocator->ReleaseResources();  // the base's check first, then the memory manager goes
-  EXPECT_EQ(0xFFFFFFFFu, this->GetSize(left)) << "nothing left to ask";
-  EXPECT_EQ(0u, this->m_table->lpVtbl->Release(this->m_table));
+  EXPECT_EQ(kUnknownSize, this->m_table.GetSize(left)) << "nothing left to ask";
+  EXPECT_EQ(0u, this->m_table.Release());
   this->m_allocator = nullptr;
-  EXPECT_THAT(capture.Assertions(), ElementsAre(kOutstandingAtDestruction));
-  if (std::is_same_v<TypeParam, TaskFactory>) CoTaskMemFree(left);  // task memory outlives its allocator
+  EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MLAtor", 200, "m_cAllocs == 0"}));
+  if (!std::is_same_v<TypeParam, HeapAllocator>) CoTaskMemFree(left);  // task memory outlives its allocator
 }
 
-TEST(HeapAllocator, DestroysOnlyAHeapItOwns) {
-  const DWORD before = GetProcessHeaps(0, nullptr);
+TEST(HeapAllocator, MakesItsOwnHeapLazilyAndDestroysOnlyAHeapItOwns) {
+  const DWORD before = HeapCount();
   HANDLE callers = HeapCreate(0, 0, 0);
-  for (bool adopt : {false, true}) {
-    auto* allocator = new xk::stores::HeapAllocator(callers, adopt);
-    IAllocator* table = allocator->Interface();
-    void* block = table->lpVtbl->Alloc(table, 100);
-    EXPECT_NE(nullptr, block);
-    EXPECT_EQ(100u, HeapSize(callers, 0, block)) << "allocated from the caller's heap";
-    table->lpVtbl->Free(table, block);
-    EXPECT_EQ(0u, table->lpVtbl->Release(table));
-    EXPECT_EQ(adopt ? before : before + 1, GetProcessHeaps(0, nullptr));
+  const struct { HANDLE heap; bool adopt; } kRows[] = {{callers, false}, {callers, true}, {NULL, false}};
+  for (const auto& [heap, adopt] : kRows) {
+    Table table(new HeapAllocator(heap, adopt));
+    EXPECT_EQ(heap ? before + 1 : before, HeapCount()) << "nothing made before the first allocation";
+    void* block = table.Realloc(nullptr, 100);
+    ASSERT_NE(nullptr, block);
+    if (heap) EXPECT_EQ(100u, HeapSize(heap, 0, block)) << "allocated from the caller's heap";
+    EXPECT_EQ(before + 1, HeapCount());
+    table.Free(block);
+    EXPECT_EQ(0u, table.Release());
+    EXPECT_EQ(heap && !adopt ? before + 1 : before, HeapCount());
   }
+}
 
-  // A heap with a fixed maximum refuses to grow a block past it.
-  HANDLE small = HeapCreate(0, 0, 64 * 1024);
-  auto* bounded = new xk::stores::HeapAllocator(small, true);
-  IAllocator* boundedTable = bounded->Interface();
-  void* kept = boundedTable->lpVtbl->Alloc(boundedTable, 100);
+TEST(HeapAllocator, AFailedResizeKeepsTheBlockAndTheCount) {
+  auto* bounded = new HeapAllocator(HeapCreate(0, 0, 64 * 1024), true);  // a heap with a fixed maximum
+  Table table(bounded);
+  void* kept = table.Alloc(100);
   ASSERT_NE(nullptr, kept);
-  EXPECT_EQ(nullptr, boundedTable->lpVtbl->Realloc(boundedTable, kept, 1 << 20));
-  EXPECT_EQ(1, bounded->OutstandingBlocks()) << "a failed resize keeps the block and the count";
-  EXPECT_EQ(100u, boundedTable->lpVtbl->GetSize(boundedTable, kept)) << "and the block stays valid";
-  boundedTable->lpVtbl->Free(boundedTable, kept);
-  EXPECT_EQ(0u, boundedTable->lpVtbl->Release(boundedTable));
-
-  // One of its own is made at the first allocation and goes with it.
-  auto* own = new xk::stores::HeapAllocator(NULL, false);
-  IAllocator* table = own->Interface();
-  EXPECT_EQ(before, GetProcessHeaps(0, nullptr));
-  void* block = table->lpVtbl->Realloc(table, nullptr, 8);
-  EXPECT_EQ(before + 1, GetProcessHeaps(0, nullptr));
-  table->lpVtbl->Free(table, block);
-  EXPECT_EQ(0u, table->lpVtbl->Release(table));
-  EXPECT_EQ(before, GetProcessHeaps(0, nullptr));
+  EXPECT_EQ(nullptr, table.Realloc(kept, 1 << 20));
+  EXPECT_EQ(1, bounded->OutstandingBlocks());
+  EXPECT_EQ(100u, table.GetSize(kept)) << "and the block stays valid";
+  table.Free(kept);
+  EXPECT_EQ(0u, table.Release());
 }
 
 TEST(IAllocatorWrappers, AMissingTableIsReportedAtEachWrapper) {
@@ -151,15 +133,9 @@ TEST(IAllocatorWrappers, AMissingTableIsReportedAtEachWrapper) {
   EXPECT_EQ(nullptr, broken.Alloc(1));
   EXPECT_EQ(nullptr, broken.Realloc(&byte, 1));
   broken.Free(&byte);
-  EXPECT_EQ(0xFFFFFFFFu, broken.GetSize(&byte));
+  EXPECT_EQ(kUnknownSize, broken.GetSize(&byte));
   broken.HeapMinimise();
-  const char* expression = "NULL != get_vtable_()";
-  EXPECT_THAT(capture.Assertions(),
-              ElementsAre(AssertionReport{"MIAtor", 144, expression},
-                          AssertionReport{"MIAtor", 149, expression},
-                          AssertionReport{"MIAtor", 154, expression},
-                          AssertionReport{"MIAtor", 160, expression},
-                          AssertionReport{"MIAtor", 165, expression},
-                          AssertionReport{"MIAtor", 170, expression},
-                          AssertionReport{"MIAtor", 175, expression}));
+  std::vector<AssertionReport> expected;
+  for (int line : {144, 149, 154, 160, 165, 170, 175}) expected.push_back({"MIAtor", line, "NULL != get_vtable_()"});
+  EXPECT_EQ(expected, capture.Assertions());
 }

@@ -1,7 +1,7 @@
 // Shared by the store and stream tests: a fixture that fails any test leaving a
-// task-allocator block behind, byte patterns, a caller-supplied IAllocator
-// written as a plain function table, and the store kinds the typed tests run
-// over (each of the library's kinds in both forms, and the platform's own).
+// task-allocator block behind, byte helpers, a caller-supplied IAllocator
+// written as a plain function table, and the store kinds the typed contracts
+// run over (each of the library's kinds in both forms, and the platform's own).
 #pragma once
 
 #include <gmock/gmock.h>
@@ -21,21 +21,15 @@ namespace storetest {
 
 constexpr ULONG kSentinel = 0xDEADBEEF;
 constexpr ULONGLONG k4GiB = 0x100000000ull;
+using Bytes = std::vector<BYTE>;
 
-inline ULARGE_INTEGER U(ULONGLONG value) {
-  ULARGE_INTEGER u;
-  u.QuadPart = value;
-  return u;
-}
-inline LARGE_INTEGER L(LONGLONG value) {
-  LARGE_INTEGER l;
-  l.QuadPart = value;
-  return l;
-}
+// Offsets and sizes as the interfaces take them.
+inline ULARGE_INTEGER U(ULONGLONG value) { ULARGE_INTEGER u; u.QuadPart = value; return u; }
+inline LARGE_INTEGER L(LONGLONG value) { LARGE_INTEGER l; l.QuadPart = value; return l; }
 
 // n bytes that differ from their neighbours and from other seeds.
-inline std::vector<BYTE> Pattern(size_t n, BYTE seed = 1) {
-  std::vector<BYTE> bytes(n);
+inline Bytes Pattern(size_t n, BYTE seed = 1) {
+  Bytes bytes(n);
   for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<BYTE>(seed + i * 7);
   return bytes;
 }
@@ -55,15 +49,25 @@ ULONGLONG StatSize(T* object) {
   return stat.cbSize.QuadPart;
 }
 
-inline std::vector<BYTE> ReadAll(ILockBytes* lb, ULONG cb, ULONGLONG offset = 0) {
-  std::vector<BYTE> bytes(cb);
+// What IThreadingInfo answers, or kSentinel when the object has none.
+inline DWORD ThreadingModelOf(IUnknown* object) {
+  IThreadingInfo* info = nullptr;
+  if (FAILED(object->QueryInterface(IID_IThreadingInfo, reinterpret_cast<void**>(&info)))) return kSentinel;
+  DWORD model = kSentinel;
+  EXPECT_HR(S_OK, info->GetThreadingModel(&model));
+  info->Release();
+  return model;
+}
+
+inline Bytes ReadAll(ILockBytes* lb, ULONG cb, ULONGLONG offset = 0) {
+  Bytes bytes(cb);
   ULONG read = kSentinel;
   EXPECT_HR(S_OK, lb->ReadAt(U(offset), bytes.data(), cb, &read));
   bytes.resize(read == kSentinel ? 0 : read);
   return bytes;
 }
 
-inline HRESULT WriteBytes(ILockBytes* lb, ULONGLONG offset, const std::vector<BYTE>& bytes) {
+inline HRESULT WriteBytes(ILockBytes* lb, ULONGLONG offset, const Bytes& bytes) {
   ULONG written = kSentinel;
   const HRESULT hr = lb->WriteAt(U(offset), bytes.data(), static_cast<ULONG>(bytes.size()), &written);
   EXPECT_EQ(SUCCEEDED(hr) ? bytes.size() : 0u, written);
@@ -75,18 +79,13 @@ inline HRESULT WriteBytes(ILockBytes* lb, ULONGLONG offset, const std::vector<BY
 // heap, fills new and grown bytes with 0xCD so a test can see they were not
 // cleared, and can be told to refuse sizes above a limit.
 struct TestAllocator {
-  IAllocator itf;
-  LONG refs;
-  LONG blocks;       // handed out, not yet freed
-  ULONG refuseAbove; // allocations and resizes above this size fail
-  std::vector<ULONG> sizes;  // every size asked for, by Alloc and Realloc
-  int minimisations;
+  IAllocator itf{&kTable};
+  LONG refs = 1;
+  LONG blocks = 0;                  // handed out, not yet freed
+  ULONG refuseAbove = 0xFFFFFFFF;   // allocations and resizes above this size fail
+  std::vector<ULONG> sizes;         // every size asked for, by Alloc and Realloc
 
-  TestAllocator() : itf{&kTable}, refs(1), blocks(0), refuseAbove(0xFFFFFFFF), minimisations(0) {}
-
-  IAllocator* Interface() { return &itf; }
   ULONG_PTR Source() { return reinterpret_cast<ULONG_PTR>(&itf); }
-
   static TestAllocator* From(IAllocator* p) { return reinterpret_cast<TestAllocator*>(p); }
 
   static ULONG STDMETHODCALLTYPE AddRef(IAllocator* p) { return ++From(p)->refs; }
@@ -95,10 +94,7 @@ struct TestAllocator {
   static void* STDMETHODCALLTYPE Realloc(IAllocator* p, void* pv, ULONG cb) {
     TestAllocator* self = From(p);
     self->sizes.push_back(cb);
-    if (pv && cb == 0) {
-      Free(p, pv);
-      return NULL;
-    }
+    if (pv && cb == 0) return Free(p, pv), nullptr;
     if (cb > self->refuseAbove) return NULL;
     const SIZE_T old = pv ? HeapSize(GetProcessHeap(), 0, pv) : 0;
     BYTE* block = static_cast<BYTE*>(pv ? HeapReAlloc(GetProcessHeap(), 0, pv, cb)
@@ -109,25 +105,21 @@ struct TestAllocator {
     return block;
   }
   static void STDMETHODCALLTYPE Free(IAllocator* p, void* pv) {
-    if (!pv) return;
-    --From(p)->blocks;
-    HeapFree(GetProcessHeap(), 0, pv);
+    if (pv && HeapFree(GetProcessHeap(), 0, pv)) --From(p)->blocks;
   }
   static ULONG STDMETHODCALLTYPE GetSize(IAllocator*, void* pv) {
     return pv ? static_cast<ULONG>(HeapSize(GetProcessHeap(), 0, pv)) : 0xFFFFFFFF;
   }
-  static void STDMETHODCALLTYPE HeapMinimise(IAllocator* p) { ++From(p)->minimisations; }
+  static void STDMETHODCALLTYPE HeapMinimise(IAllocator*) {}
 
-  static constexpr IAllocatorVtbl kTable = {&AddRef, &Release, &Alloc,       &Realloc,
-                                            &Free,   &GetSize, &HeapMinimise};
+  static constexpr IAllocatorVtbl kTable = {&AddRef, &Release, &Alloc, &Realloc, &Free, &GetSize, &HeapMinimise};
 };
 
-// ---- store kinds for the typed tests ----
+// ---- store kinds for the typed contracts ----
 //
 // Each kind makes a store, or a stream over one, of at least `capacity`
 // addressable bytes that starts empty (growable kinds) or at its full size
-// (fixed kinds, whose memory is the caller's). Locked<Kind> and
-// Unlocked<Kind> add the form.
+// (fixed kinds, whose memory is the caller's: Contents() shows all of it).
 
 // The library's factories for stores and streams take the same arguments.
 template <class Out>
@@ -138,20 +130,19 @@ HRESULT CreateOnMemory(void* pv, ULONG si, DWORD flags, ULONG_PTR allocSource, O
     return CreateLockBytesOnMemory(pv, si, flags, allocSource, out);
 }
 
-template <DWORD Kind>
-struct GrowableKind {
+template <DWORD Kind, bool Growable = true>
+struct KindBase {
   static constexpr DWORD kKind = Kind;
-  static constexpr bool kGrowable = true, kPlatform = false;
+  static constexpr bool kGrowable = Growable, kPlatform = false;
+};
+template <DWORD Kind>
+struct GrowableKind : KindBase<Kind> {
   template <class Out>
-  HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
-    return CreateOnMemory(nullptr, 0, flags, 0, out);
-  }
+  HRESULT MakeWith(DWORD flags, ULONG, Out** out) { return CreateOnMemory(nullptr, 0, flags, 0, out); }
 };
 using TaskKind = GrowableKind<QVCLBOMF_TASKALLOCATOR>;
 using HeapKind = GrowableKind<QVCLBOMF_PRIVATEHEAP>;
-struct CallerAllocatorKind {
-  static constexpr DWORD kKind = QVCLBOMF_ALLOCATOR;
-  static constexpr bool kGrowable = true, kPlatform = false;
+struct CallerAllocatorKind : KindBase<QVCLBOMF_ALLOCATOR> {
   TestAllocator allocator;
   template <class Out>
   HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
@@ -162,10 +153,9 @@ struct CallerAllocatorKind {
     EXPECT_EQ(0, allocator.blocks) << "the store must free its buffer";
   }
 };
-struct FixedKind {
-  static constexpr DWORD kKind = QVCLBOMF_FIXEDBLOCK;
-  static constexpr bool kGrowable = false, kPlatform = false;
-  std::vector<BYTE> buffer;
+struct FixedKind : KindBase<QVCLBOMF_FIXEDBLOCK, false> {
+  Bytes buffer;
+  Bytes Contents() const { return buffer; }
   template <class Out>
   HRESULT MakeWith(DWORD flags, ULONG capacity, Out** out) {
     buffer.assign(capacity, 0);
@@ -173,18 +163,17 @@ struct FixedKind {
   }
 };
 // Blocks of 1, 2, 3, ... bytes, so most transfers cross several boundaries.
-struct BlockListKind {
-  static constexpr DWORD kKind = QVCLBOMF_BLOCKLIST;
-  static constexpr bool kGrowable = false, kPlatform = false;
-  std::vector<std::vector<BYTE>> blocks;
+struct BlockListKind : KindBase<QVCLBOMF_BLOCKLIST, false> {
+  std::vector<Bytes> blocks;
   std::vector<LOCKBYTESBLOCK> table;
+  Bytes Contents() const {
+    Bytes all;
+    for (const Bytes& block : blocks) all.insert(all.end(), block.begin(), block.end());
+    return all;
+  }
   template <class Out>
   HRESULT MakeWith(DWORD flags, ULONG capacity, Out** out) {
-    ULONG total = 0;
-    for (ULONG cb = 1; total < capacity; ++cb) {
-      blocks.emplace_back(cb, 0);
-      total += cb;
-    }
+    for (ULONG cb = 1, total = 0; total < capacity; total += cb++) blocks.emplace_back(cb, 0);
     for (auto& block : blocks) table.push_back({static_cast<ULONG>(block.size()), block.data()});
     return CreateOnMemory(table.data(), capacity, flags, 0, out);
   }
@@ -202,41 +191,17 @@ struct StoreOf : Kind {
   static constexpr DWORD kFlags = Kind::kKind | Form;
   static constexpr DWORD kThreadingModel = (Form & QVCLBOMF_NOLOCK) ? 0 : 3;
   template <class Out>
-  HRESULT Make(ULONG capacity, Out** out) {
-    return this->MakeWith(kFlags, capacity, out);
-  }
+  HRESULT Make(ULONG capacity, Out** out) { return this->MakeWith(kFlags, capacity, out); }
 };
 template <class Kind>
 using Locked = StoreOf<Kind, 0>;
 template <class Kind>
 using Unlocked = StoreOf<Kind, QVCLBOMF_NOLOCK>;
-using Platform = StoreOf<PlatformKind, 0>;
 
 // Every kind in both forms, and the platform's.
 using AllKinds = ::testing::Types<
     Locked<TaskKind>, Unlocked<TaskKind>, Locked<HeapKind>, Unlocked<HeapKind>,
     Locked<CallerAllocatorKind>, Unlocked<CallerAllocatorKind>, Locked<FixedKind>,
-    Unlocked<FixedKind>, Locked<BlockListKind>, Unlocked<BlockListKind>, Platform>;
-
-// A typed fixture's object: a store (ILockBytes) or a stream (IStream) of the
-// kind under test, made before each case; the case must leave it with one
-// reference, and nothing of the task allocator's behind.
-template <class Store, class Object, ULONG Capacity>
-class MadeObjectTest : public LeakCheckedTest {
- protected:
-  static constexpr ULONG kCapacity = Capacity;
-
-  void SetUp() override {
-    ASSERT_HR(S_OK, m_store.Make(kCapacity, &m_object));
-    ASSERT_NE(nullptr, m_object);
-  }
-  void TearDown() override {
-    if (m_object) EXPECT_EQ(0u, m_object->Release()) << "the test holds the only reference";
-    LeakCheckedTest::TearDown();
-  }
-
-  Store m_store;
-  Object* m_object = nullptr;
-};
+    Unlocked<FixedKind>, Locked<BlockListKind>, Unlocked<BlockListKind>, StoreOf<PlatformKind, 0>>;
 
 }  // namespace storetest
