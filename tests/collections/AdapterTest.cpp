@@ -1,13 +1,10 @@
 // IEnumUnknown from either kind of object enumerator: EnumUnknown_FromUnknown,
-// the adapter over an IEnumVARIANT, and Enum_QueryNextItem; and the VARIANT
-// creator's copies of values of any type.
+// the adapter over an IEnumVARIANT, and Enum_QueryNextItem.
 #include "Kinds.h"
 
 using ::testing::ElementsAre;
 using xktest::FakeUnknown;
 using xktest::FillSentinel;
-using xktest::IsSentinel;
-using xktest::RefCount;
 
 namespace {
 
@@ -26,36 +23,20 @@ VARIANT Number(LONG value) {
 }
 void* const kUnwritten = reinterpret_cast<void*>(0xDEADBEEF);
 
-// An IEnumVARIANT whose every call fails with E_UNEXPECTED.
-struct FailingEnumVARIANT : IEnumVARIANT {
-  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    *ppv = iid == IID_IUnknown || iid == IID_IEnumVARIANT ? this : nullptr;
-    return *ppv ? (AddRef(), S_OK) : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
-  STDMETHODIMP_(ULONG) Release() override { return --refs; }
-  STDMETHODIMP Next(ULONG, VARIANT*, ULONG*) override { return E_UNEXPECTED; }
-  STDMETHODIMP Skip(ULONG) override { return E_UNEXPECTED; }
-  STDMETHODIMP Reset() override { return E_UNEXPECTED; }
-  STDMETHODIMP Clone(IEnumVARIANT** ppenum) override { return *ppenum = nullptr, E_UNEXPECTED; }
-  ULONG refs = 1;
-};
-
+// Every test ends with each object holding only the test's own reference.
 class AdapterTest : public xktest::CollectionsTest {
  protected:
-  // An adapter over a new EnumVARIANT of the given values.
+  void TearDown() override {
+    for (const FakeUnknown& object : m_objects) EXPECT_EQ(1, object.refs);
+    CollectionsTest::TearDown();
+  }
   IEnumUnknown* AdapterOver(std::initializer_list<VARIANT> values) {
     IEnumVARIANT* variants = nullptr;
     EXPECT_HR(S_OK, EnumVARIANT_Create(values.begin(), ULONG(values.size()), &variants));
     IEnumUnknown* adapter = nullptr;
     EXPECT_HR(S_OK, EnumUnknown_FromUnknown(variants, &adapter));
-    EXPECT_NE(xktest::Identity(variants), xktest::Identity(adapter));
     EXPECT_EQ(1u, variants->Release()) << "the adapter keeps the reference its query took";
     return adapter;
-  }
-  // Every object holds only the test's own reference again.
-  void ExpectAllLetGo() {
-    for (const FakeUnknown& object : m_objects) EXPECT_EQ(1, object.refs);
   }
 
   FakeUnknown m_objects[3];
@@ -63,80 +44,56 @@ class AdapterTest : public xktest::CollectionsTest {
 
 TEST_F(AdapterTest, FromUnknownHandsOutAnIEnumUnknownAsItIsAndRefusesOtherObjects) {
   IEnumUnknown* e = nullptr;
-  FillSentinel(&e);
   EXPECT_HR(E_POINTER, EnumUnknown_FromUnknown(nullptr, &e));
-  EXPECT_TRUE(IsSentinel(e));
   EXPECT_HR(E_POINTER, EnumUnknown_FromUnknown(&m_objects[0], nullptr));
-
-  IUnknown* const items[] = {&m_objects[0]};
   IEnumUnknown* own = nullptr;
-  ASSERT_HR(S_OK, EnumUnknown_Create(items, 1, &own));
+  ASSERT_HR(S_OK, EnumUnknown_Create(nullptr, 0, &own));
   ASSERT_HR(S_OK, EnumUnknown_FromUnknown(own, &e));
   EXPECT_EQ(own, e);
   EXPECT_EQ(1u, e->Release());
   EXPECT_EQ(0u, own->Release());
-
   FakeUnknown neither(IID_IUnknown, E_UNEXPECTED);
-  FillSentinel(&e);
   EXPECT_HR(E_NOINTERFACE, EnumUnknown_FromUnknown(&neither, &e)) << "whatever the object said";
   EXPECT_EQ(nullptr, e);
   EXPECT_EQ(2, neither.queries);
   EXPECT_EQ(1, neither.refs);
 }
 
-TEST_F(AdapterTest, TheAdapterIsAnIEnumUnknownOfItsOwnThatHoldsItsEnumerator) {
-  IEnumUnknown* adapter = AdapterOver({});
-  void* face = nullptr;
-  ASSERT_HR(S_OK, adapter->QueryInterface(IID_IUnknown, &face));
-  EXPECT_EQ(static_cast<void*>(adapter), face);
-  EXPECT_EQ(1u, adapter->Release());
-  face = kUnwritten;
+TEST_F(AdapterTest, TheAdapterIsAnObjectOfItsOwnThatHandsOutTheObjectsOfTheVariants) {
+  IEnumUnknown* adapter = AdapterOver({Holding(&m_objects[0]), Holding(&m_objects[1], VT_DISPATCH),
+                                       Holding(nullptr), Holding(&m_objects[2])});
+  void* face = kUnwritten;
   EXPECT_HR(E_NOINTERFACE, adapter->QueryInterface(IID_IEnumVARIANT, &face));
   EXPECT_EQ(nullptr, face);
   EXPECT_HR(E_POINTER, adapter->QueryInterface(IID_IEnumUnknown, nullptr));
-  EXPECT_EQ(2u, adapter->AddRef());
-  EXPECT_EQ(1u, adapter->Release());
-  EXPECT_HR(S_FALSE, DllCanUnloadNow()) << "through its enumerator";
-  EXPECT_EQ(0u, adapter->Release());
-}
-
-TEST_F(AdapterTest, NextHandsOutTheObjectsOfTheVariants) {
-  IEnumUnknown* adapter = AdapterOver({Holding(&m_objects[0]), Holding(&m_objects[1], VT_DISPATCH),
-                                       Holding(nullptr), Holding(&m_objects[2])});
+  EXPECT_EQ(static_cast<IUnknown*>(adapter), xktest::Identity(adapter));
   IUnknown* items[4];
-  ULONG n = 0xDEADBEEF;
   ASSERT_HR(S_OK, adapter->Next(1, items, nullptr));
   EXPECT_EQ(&m_objects[0], items[0]);
   EXPECT_EQ(3, m_objects[0].refs) << "the caller's own reference, beside the enumerator's";
   items[0]->Release();
-
   FillSentinel(items, 4);
+  ULONG n = 0xDEADBEEF;
   EXPECT_HR(S_OK, adapter->Next(3, items, &n));
   EXPECT_EQ(3u, n);
-  EXPECT_THAT(items, ElementsAre(&m_objects[1], nullptr, &m_objects[2], items[3]))
-      << "a null object is a null item";
-  EXPECT_TRUE(IsSentinel(items[3]));
+  EXPECT_THAT(items, ElementsAre(&m_objects[1], nullptr, &m_objects[2], items[3]));
+  EXPECT_TRUE(xktest::IsSentinel(items[3]));
   items[0]->Release();
   items[2]->Release();
-
   FillSentinel(items, 2);
-  EXPECT_HR(S_FALSE, adapter->Next(1, items, nullptr));
-  EXPECT_EQ(nullptr, items[0]);
   EXPECT_HR(S_FALSE, adapter->Next(2, items, &n));
   EXPECT_EQ(0u, n);
-  EXPECT_EQ(nullptr, items[1]) << "every slot asked for is cleared";
-
+  EXPECT_THAT(std::vector<IUnknown*>(items, items + 2), ElementsAre(nullptr, nullptr));
   EXPECT_HR(S_OK, adapter->Reset());
   EXPECT_HR(S_OK, adapter->Skip(2));
   IEnumUnknown* clone = nullptr;
   ASSERT_HR(S_OK, adapter->Clone(&clone));
-  EXPECT_HR(S_FALSE, adapter->Skip(5));
   ASSERT_HR(S_OK, clone->Next(2, items, &n)) << "the clone stayed where it was made";
   EXPECT_THAT(std::vector<IUnknown*>(items, items + 2), ElementsAre(nullptr, &m_objects[2]));
   items[1]->Release();
   EXPECT_EQ(0u, clone->Release());
+  EXPECT_HR(S_FALSE, DllCanUnloadNow()) << "through its enumerator";
   EXPECT_EQ(0u, adapter->Release());
-  ExpectAllLetGo();
 }
 
 TEST_F(AdapterTest, AVariantWithoutAnObjectFailsTheWholeNext) {
@@ -153,13 +110,11 @@ TEST_F(AdapterTest, AVariantWithoutAnObjectFailsTheWholeNext) {
   EXPECT_EQ(3u, n) << "the count the inner enumerator reported";
   EXPECT_THAT(items, ElementsAre(nullptr, nullptr, nullptr)) << "handed-out items are taken back";
   EXPECT_EQ(2, m_objects[0].refs) << "only the enumerator's reference is left";
-  EXPECT_EQ(2, m_objects[1].refs);
   EXPECT_HR(DISP_E_BADVARTYPE, adapter->Next(1, items, nullptr)) << "a reference is no object";
   EXPECT_EQ(0u, adapter->Release());
-  ExpectAllLetGo();
 }
 
-TEST_F(AdapterTest, ArgumentsAndInnerFailures) {
+TEST_F(AdapterTest, ArgumentsAndFailuresOfTheAdapter) {
   IEnumUnknown* adapter = AdapterOver({Holding(&m_objects[0]), Holding(&m_objects[1])});
   IUnknown* items[2];
   FillSentinel(items, 2);
@@ -169,51 +124,18 @@ TEST_F(AdapterTest, ArgumentsAndInnerFailures) {
   EXPECT_HR(E_POINTER, adapter->Clone(nullptr));
   m_spy.ClearRequests();
   ULONG n = 0;
-  ASSERT_HR(S_OK, adapter->Next(2, items, &n));
-  EXPECT_THAT(m_spy.AllocRequests(), ElementsAre(2 * sizeof(VARIANT))) << "one block of VARIANTs";
-  items[0]->Release();
-  items[1]->Release();
-  ASSERT_HR(S_OK, adapter->Reset());
   {
     xktest::TaskAllocatorRefusal refusal;
     EXPECT_HR(E_OUTOFMEMORY, adapter->Next(2, items, &n));
-    IEnumUnknown* clone = reinterpret_cast<IEnumUnknown*>(kUnwritten);
+    EXPECT_THAT(m_spy.AllocRequests(), ElementsAre(2 * sizeof(VARIANT))) << "one block";
+    auto* clone = static_cast<IEnumUnknown*>(kUnwritten);
     EXPECT_HR(E_OUTOFMEMORY, adapter->Clone(&clone)) << "the inner clone's own failure";
     EXPECT_EQ(nullptr, clone);
   }
   EXPECT_EQ(0u, adapter->Release());
-
-  FailingEnumVARIANT failing;
-  ASSERT_HR(S_OK, EnumUnknown_FromUnknown(&failing, &adapter));
-  EXPECT_HR(E_UNEXPECTED, adapter->Next(1, items, nullptr));
-  EXPECT_HR(E_UNEXPECTED, adapter->Next(2, items, &n));
-  EXPECT_HR(E_UNEXPECTED, adapter->Skip(1));
-  EXPECT_HR(E_UNEXPECTED, adapter->Reset());
-  IEnumUnknown* clone = nullptr;
-  EXPECT_HR(E_UNEXPECTED, adapter->Clone(&clone));
-  EXPECT_EQ(0u, adapter->Release());
-  EXPECT_EQ(1u, failing.refs);
 }
 
-TEST_F(AdapterTest, EnumVARIANTCopiesValuesOfAnyType) {
-  const VARIANT items[] = {Holding(&m_objects[0]), Number(-7)};
-  IEnumVARIANT* e = nullptr;
-  ASSERT_HR(S_OK, EnumVARIANT_Create(items, 2, &e));
-  EXPECT_EQ(2, m_objects[0].refs);
-  VARIANT fetched[2];
-  ULONG n = 0;
-  ASSERT_HR(S_OK, e->Next(2, fetched, &n));
-  EXPECT_EQ(VT_UNKNOWN, V_VT(&fetched[0]));
-  EXPECT_EQ(&m_objects[0], V_UNKNOWN(&fetched[0]));
-  EXPECT_EQ(VT_I4, V_VT(&fetched[1]));
-  EXPECT_EQ(-7, V_I4(&fetched[1]));
-  EXPECT_EQ(3, m_objects[0].refs);
-  VariantClear(&fetched[0]);
-  EXPECT_EQ(0u, e->Release());
-  ExpectAllLetGo();
-}
-
-// Enum_QueryNextItem over either enumerator: what each next item gives.
+// The same items through either enumerator; the VARIANTs end with one without an object.
 TEST_F(AdapterTest, QueryNextItemQueriesTheNextObjectOfEitherEnumerator) {
   void* out = kUnwritten;
   FakeUnknown stream(IID_IStream);
@@ -223,8 +145,6 @@ TEST_F(AdapterTest, QueryNextItemQueriesTheNextObjectOfEitherEnumerator) {
   EXPECT_HR(E_UNEXPECTED, Enum_QueryNextItem(&neither, IID_IStream, &out))
       << "the refusal of the IEnumVARIANT query, as the object gave it";
   EXPECT_EQ(1, neither.refs);
-
-  // The same items through either enumerator; the VARIANTs end with one without an object.
   IUnknown* const objects[] = {&stream, &m_objects[0], nullptr};
   const VARIANT variants[] = {Holding(&stream, VT_DISPATCH), Holding(&m_objects[0]),
                               Holding(nullptr), Number(1)};
@@ -244,7 +164,6 @@ TEST_F(AdapterTest, QueryNextItemQueriesTheNextObjectOfEitherEnumerator) {
       EXPECT_HR(E_NOINTERFACE, Enum_QueryNextItem(e, IID_IStream, &out)) << item;
       EXPECT_EQ(nullptr, out);
     }
-    EXPECT_EQ(2, m_objects[0].refs) << "the fetched item is released again";
     out = kUnwritten;
     if (overVariants) EXPECT_HR(DISP_E_BADVARTYPE, Enum_QueryNextItem(e, IID_IStream, &out));
     EXPECT_HR(S_FALSE, Enum_QueryNextItem(e, IID_IStream, &out));
@@ -252,7 +171,6 @@ TEST_F(AdapterTest, QueryNextItemQueriesTheNextObjectOfEitherEnumerator) {
     EXPECT_EQ(0u, e->Release());
   }
   EXPECT_EQ(1, stream.refs);
-  ExpectAllLetGo();
 }
 
 }  // namespace

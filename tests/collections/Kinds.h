@@ -1,6 +1,6 @@
 // The five element kinds as a client sees them: per kind, its interfaces,
-// identifiers and creator, and how a test makes items, recognises copies of
-// them and frees the copies it owns. Typed tests run every case over all five.
+// identifiers and creator, how a test makes items, whether an element is the
+// caller's own copy of an item, and how the caller frees that copy.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "FakeUnknown.h"
 #include "HResult.h"
@@ -35,19 +34,16 @@ bool IsSentinel(const T& slot) {
 
 inline bool TaskAllocated(void* block) {
   IMalloc* malloc = nullptr;
-  if (FAILED(CoGetMalloc(1, &malloc))) return false;
-  const bool allocated = malloc->DidAlloc(block) == 1;
-  malloc->Release();
+  const bool allocated = SUCCEEDED(CoGetMalloc(1, &malloc)) && malloc->DidAlloc(block) == 1;
+  if (malloc) malloc->Release();
   return allocated;
 }
 
-// What every kind shares: its types, identifiers and creator.
-template <class E, class In, class C, class S, class En, const CLSID* kClsid, const IID* kColl,
+template <class E, class In, class S, class En, const CLSID* kClsid, const IID* kColl,
           const IID* kSeq, const IID* kEnum, HRESULT(WINAPI* kCreate)(const In*, ULONG, En**)>
 struct KindOf {
   using Element = E;
   using Input = In;
-  using Coll = C;
   using Seq = S;
   using Enum = En;
   static const CLSID& Clsid() { return *kClsid; }
@@ -57,66 +53,64 @@ struct KindOf {
   static HRESULT Create(const In* items, ULONG n, En** e) { return kCreate(items, n, e); }
 };
 
-struct BstrKind : KindOf<BSTR, BSTR, ICollBSTR, ISeqBSTR, IEnumBSTR, &CLSID_QvEnumBSTR,
-                         &IID_ICollBSTR, &IID_ISeqBSTR, &IID_IEnumBSTR, EnumBSTR_Create> {
+struct BstrKind : KindOf<BSTR, BSTR, ISeqBSTR, IEnumBSTR, &CLSID_QvEnumBSTR, &IID_ICollBSTR,
+                         &IID_ISeqBSTR, &IID_IEnumBSTR, EnumBSTR_Create> {
   static constexpr const char* kTraceName = nullptr;
   static Input MakeItem(int i) { return SysAllocString(ItemText(i).c_str()); }
   static void FreeItem(Input& item) { SysFreeString(item); }
-  static bool Holds(const Element& e, int i) { return e && ItemText(i) == e; }
-  static bool IsOwnCopy(const Element& e, const Input& item) { return e && e != item; }
+  static bool Copies(BSTR e, BSTR item) { return e && e != item && !std::wcscmp(e, item); }
   static void FreeCopy(Element& e) { SysFreeString(e); }
 };
 
-struct GuidKind : KindOf<GUID, GUID, ICollGUID, ISeqGUID, IEnumGUID, &CLSID_QvEnumGUID,
-                         &IID_ICollGUID, &IID_ISeqGUID, &IID_IQvEnumGUID, EnumGUID_Create> {
+struct GuidKind : KindOf<GUID, GUID, ISeqGUID, IEnumGUID, &CLSID_QvEnumGUID, &IID_ICollGUID,
+                         &IID_ISeqGUID, &IID_IQvEnumGUID, EnumGUID_Create> {
   static constexpr const char* kTraceName = "_EnumGUID";
   static Input MakeItem(int i) {
     return {0x10000000u + i, 0x2222, 0x3333, {0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, BYTE(i)}};
   }
   static void FreeItem(Input&) {}
-  static bool Holds(const Element& e, int i) { return e == MakeItem(i); }
-  static bool IsOwnCopy(const Element&, const Input&) { return true; }  // by value
+  static bool Copies(const GUID& e, const GUID& item) { return e == item; }
   static void FreeCopy(Element&) {}
 };
 
-struct StringKind : KindOf<LPOLESTR, LPCOLESTR, ICollString, ISeqString, IEnumString,
-                           &CLSID_QvEnumString, &IID_ICollString, &IID_ISeqString,
-                           &IID_IEnumString, EnumString_Create> {
+// The caller's strings need not come from the task allocator; the copies must.
+struct StringKind : KindOf<LPOLESTR, LPCOLESTR, ISeqString, IEnumString, &CLSID_QvEnumString,
+                           &IID_ICollString, &IID_ISeqString, &IID_IEnumString, EnumString_Create> {
   static constexpr const char* kTraceName = nullptr;
-  // The caller's strings need not come from the task allocator.
   static Input MakeItem(int i) {
     static std::wstring texts[kMaxItems];
     return (texts[i] = ItemText(i)).c_str();
   }
   static void FreeItem(Input&) {}
-  static bool Holds(const Element& e, int i) { return e && ItemText(i) == e; }
-  static bool IsOwnCopy(const Element& e, const Input& item) {
-    return e && e != item && TaskAllocated(e);
+  static bool Copies(LPOLESTR e, LPCOLESTR item) {
+    return e && e != item && TaskAllocated(e) && !std::wcscmp(e, item);
   }
   static void FreeCopy(Element& e) { CoTaskMemFree(e); }
 };
 
-struct UnknownKind : KindOf<LPUNKNOWN, LPUNKNOWN, ICollUnknown, ISeqUnknown, IEnumUnknown,
-                            &CLSID_QvEnumUnknown, &IID_ICollUnknown, &IID_ISeqUnknown,
-                            &IID_IEnumUnknown, EnumUnknown_Create> {
+// Shared, counted objects, held as given (never queried); every test hands
+// back each reference it took.
+struct UnknownKind
+    : KindOf<LPUNKNOWN, LPUNKNOWN, ISeqUnknown, IEnumUnknown, &CLSID_QvEnumUnknown,
+             &IID_ICollUnknown, &IID_ISeqUnknown, &IID_IEnumUnknown, EnumUnknown_Create> {
   static constexpr const char* kTraceName = "_EnumUnknown";
-  // Shared, counted objects; every test hands back each reference it took.
-  static FakeUnknown* Objects() {
+  static Input MakeItem(int i) {
     static FakeUnknown objects[kMaxItems];
-    return objects;
+    return &objects[i];
   }
-  static Input MakeItem(int i) { return &Objects()[i]; }
-  static void FreeItem(Input& item) { EXPECT_EQ(1, static_cast<FakeUnknown*>(item)->refs); }
-  static bool Holds(const Element& e, int i) { return e == &Objects()[i]; }
-  static bool IsOwnCopy(const Element& e, const Input& item) { return e == item; }
+  static void FreeItem(Input& item) {
+    EXPECT_EQ(1, static_cast<FakeUnknown*>(item)->refs);
+    EXPECT_EQ(0, static_cast<FakeUnknown*>(item)->queries);
+  }
+  static bool Copies(IUnknown* e, IUnknown* item) { return e == item; }
   static void FreeCopy(Element& e) { e->Release(); }
 };
 
-struct VariantKind : KindOf<VARIANT, VARIANT, ICollVARIANT, ISeqVARIANT, IEnumVARIANT,
-                            &CLSID_QvEnumVARIANT, &IID_ICollVARIANT, &IID_ISeqVARIANT,
-                            &IID_IEnumVARIANT, EnumVARIANT_Create> {
+// Strings inside, so that ownership of the copies shows.
+struct VariantKind
+    : KindOf<VARIANT, VARIANT, ISeqVARIANT, IEnumVARIANT, &CLSID_QvEnumVARIANT, &IID_ICollVARIANT,
+             &IID_ISeqVARIANT, &IID_IEnumVARIANT, EnumVARIANT_Create> {
   static constexpr const char* kTraceName = "_EnumVARIANT";
-  // Strings inside, so that ownership of the copies shows.
   static Input MakeItem(int i) {
     VARIANT v;
     V_VT(&v) = VT_BSTR;
@@ -124,23 +118,13 @@ struct VariantKind : KindOf<VARIANT, VARIANT, ICollVARIANT, ISeqVARIANT, IEnumVA
     return v;
   }
   static void FreeItem(Input& item) { VariantClear(&item); }
-  static bool Holds(const Element& e, int i) {
-    return V_VT(&e) == VT_BSTR && V_BSTR(&e) && ItemText(i) == V_BSTR(&e);
-  }
-  static bool IsOwnCopy(const Element& e, const Input& item) {
-    return V_VT(&e) == VT_BSTR && V_BSTR(&e) != V_BSTR(&item);
+  static bool Copies(const VARIANT& e, const VARIANT& item) {
+    return V_VT(&e) == VT_BSTR && BstrKind::Copies(V_BSTR(&e), V_BSTR(&item));
   }
   static void FreeCopy(Element& e) { VariantClear(&e); }
 };
 
 using AllKinds = ::testing::Types<BstrKind, GuidKind, StringKind, UnknownKind, VariantKind>;
-
-struct KindNames {
-  template <class Kind>
-  static std::string GetName(int i) {
-    return std::vector<std::string>{"BSTR", "GUID", "String", "Unknown", "VARIANT"}.at(i);
-  }
-};
 
 // Every test of the suite ends with nothing left on the task allocator and no
 // object keeping the library loaded.
@@ -161,12 +145,6 @@ inline IUnknown* Identity(IUnknown* object) {
     return nullptr;
   identity->Release();
   return identity;
-}
-
-// The reference count of an object, read through AddRef and Release.
-inline ULONG RefCount(IUnknown* object) {
-  object->AddRef();
-  return object->Release();
 }
 
 }  // namespace xktest

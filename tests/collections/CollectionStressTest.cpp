@@ -7,8 +7,6 @@
 
 #include "Kinds.h"
 
-using xktest::VariantKind;
-
 namespace {
 
 constexpr int kThreads = 4;
@@ -26,7 +24,7 @@ void Work(ISeqVARIANT* seq, const VARIANT* item, std::atomic<int>* failures) {
     ULONG n = 0;
     if (FAILED(shared->Next(3, fetched, &n)) || n > 3) ++*failures;
     for (ULONG i = 0; i < n && i < 3; ++i) {
-      if (!VariantKind::Holds(fetched[i], 0)) ++*failures;
+      if (!xktest::VariantKind::Copies(fetched[i], *item)) ++*failures;
       VariantClear(&fetched[i]);
     }
     if (round % 16 == 0) shared->Reset();
@@ -42,10 +40,10 @@ void Work(ISeqVARIANT* seq, const VARIANT* item, std::atomic<int>* failures) {
   shared->Release();
 }
 
-using StressTest = xktest::CollectionsTest;
+using CollectionStressTest = xktest::CollectionsTest;
 
-TEST_F(StressTest, ThreadsAddingRemovingEnumeratingAndCloningAgree) {
-  VARIANT item = VariantKind::MakeItem(0);
+TEST_F(CollectionStressTest, ThreadsAddingRemovingEnumeratingAndCloningAgree) {
+  VARIANT item = xktest::VariantKind::MakeItem(0);
   IEnumVARIANT* e = nullptr;
   ASSERT_HR(S_OK, EnumVARIANT_Create(nullptr, 0, &e));
   ISeqVARIANT* seq = nullptr;
@@ -54,17 +52,13 @@ TEST_F(StressTest, ThreadsAddingRemovingEnumeratingAndCloningAgree) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) threads.emplace_back(Work, seq, &item, &failures);
   for (std::thread& thread : threads) thread.join();
-
   EXPECT_EQ(0, failures.load());
   long count = -1;
   EXPECT_HR(S_OK, seq->Count(&count));
   EXPECT_EQ(kThreads * (kRounds - kRounds / 2), count);
-  ULONG position = 0xDEADBEEF;
-  EXPECT_HR(S_OK, seq->GetPosition(&position));
-  EXPECT_LE(position, static_cast<ULONG>(count));
   EXPECT_EQ(1u, seq->Release());
   EXPECT_EQ(0u, e->Release());
-  VariantKind::FreeItem(item);
+  VariantClear(&item);
 }
 
 }  // namespace
