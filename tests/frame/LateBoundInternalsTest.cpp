@@ -28,18 +28,18 @@ using MissingClose = Entry<kMissingRegFunction, decltype(&RegCloseKey)>;
 
 TEST(LateBoundEntry, AMissingFunctionAnswersWithAFailureOfItsOwnKindAndIsLookedForOnce) {
   EXPECT_EQ(ERROR_PROC_NOT_FOUND, MissingClose::Call(HKEY_CURRENT_USER));
+  EXPECT_NE(nullptr, MissingClose::s_slot) << "the failed lookup is kept";
+  EXPECT_EQ(ERROR_PROC_NOT_FOUND, MissingClose::Call(HKEY_CURRENT_USER));
   char text[] = "Abc";
   EXPECT_EQ(nullptr, (Entry<kMissingCaseFunction, decltype(&CharLowerA)>::Call(text)));
   EXPECT_STREQ("Abc", text);
-  EXPECT_EQ(0, (Entry<kMissingCountingFunction, decltype(&LoadStringA)>::Call(static_cast<HINSTANCE>(nullptr),
-                                                                               1u, text, 4)));
-  EXPECT_NE(nullptr, MissingClose::s_slot) << "the failed lookup is kept";
-  EXPECT_EQ(ERROR_PROC_NOT_FOUND, MissingClose::Call(HKEY_CURRENT_USER));
+  EXPECT_EQ(0, (Entry<kMissingCountingFunction, decltype(&LoadStringA)>::Call(
+                   static_cast<HINSTANCE>(nullptr), 1u, text, 4)));
 }
 
 TEST(LateBoundEntry, AMissingLibraryIsLookedForOnceAndNeverCalled) {
-  EXPECT_EQ(nullptr, g_missingLibrary.handle);
-  EXPECT_EQ(ERROR_PROC_NOT_FOUND, (Entry<kFunctionOfMissingLibrary, decltype(&RegCloseKey)>::Call(HKEY_CURRENT_USER)));
+  EXPECT_EQ(ERROR_PROC_NOT_FOUND,
+            (Entry<kFunctionOfMissingLibrary, decltype(&RegCloseKey)>::Call(HKEY_CURRENT_USER)));
   void* const marked = g_missingLibrary.handle;
   EXPECT_NE(nullptr, marked) << "the failed load is remembered";
   void* slot = nullptr;
@@ -55,8 +55,7 @@ TEST(LateBoundEntry, ARacedFirstCallPublishesOneAddressToEveryThreadFromOneLibra
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) {
+      for (ready.fetch_add(1); ready.load() < kThreads;) {
       }
       seen[t] = Resolve(&slot, kRacedFunction);
     });
@@ -64,9 +63,8 @@ TEST(LateBoundEntry, ARacedFirstCallPublishesOneAddressToEveryThreadFromOneLibra
   const HMODULE user32 = GetModuleHandleA("USER32.DLL");
   void* expected = reinterpret_cast<void*>(GetProcAddress(user32, "CharUpperBuffA"));
   ASSERT_NE(nullptr, expected);
-  for (void* address : seen) EXPECT_EQ(expected, address);
+  EXPECT_THAT(seen, ::testing::Each(expected));
   EXPECT_EQ(expected, slot);
-
   void* second = nullptr;
   ASSERT_NE(nullptr, Resolve(&second, kSecondUser32Function));
   EXPECT_EQ(static_cast<void*>(user32), xk::latebound::g_user32.handle);

