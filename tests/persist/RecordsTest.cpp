@@ -1,0 +1,462 @@
+// Stream records as a client sees them: strings (a count, then the bytes with their
+// terminator), objects (the class id, then the object's own data), VARIANTs (16
+// bytes imaging the VARIANT, then the payload its type calls for), the array
+// placeholders and the VARIANT and time helpers. A record that fails answers a
+// code, hands out nothing, leaves the stream where it was and leaks nothing.
+#include <gmock/gmock.h>
+#include <xkcombsd/Persist.h>
+
+#include <cstring>
+
+#include "DebugOutput.h"
+#include "FakeUnknown.h"
+#include "HResult.h"
+#include "MallocSpy.h"
+#include "TestStreams.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using xktest::Bytes;
+using xktest::Concat;
+using xktest::FaultyStream;
+using xktest::LittleEndian32;
+
+namespace {
+
+constexpr HRESULT kBad = static_cast<HRESULT>(0x8007000D);  // a record no saver writes
+const HRESULT kFault = STG_E_READFAULT, kBadType = DISP_E_BADVARTYPE;
+const OLECHAR kAbc[] = L"abc";
+const Bytes kAbcRecord = {0x08, 0x00, 0x00, 0x00, 0x61, 0x00, 0x62, 0x00, 0x63, 0x00, 0x00, 0x00};
+const Bytes kPrefix = {0xEE, 0xEE, 0xEE};  // records stand after it: "where it was" is not 0
+
+// The number's class, and one that is not the number's.
+constexpr CLSID kNumberClass = {
+    0x6B1D0C52, 0x3E0A, 0x4F5B, {0x9C, 0x11, 0x2D, 0x7A, 0x5E, 0x40, 0xB0, 0x01}};
+constexpr CLSID kOtherClass = {
+    0x6B1D0C52, 0x3E0A, 0x4F5B, {0x9C, 0x11, 0x2D, 0x7A, 0x5E, 0x40, 0xB0, 0x02}};
+Bytes BytesOf(const CLSID& clsid) {
+  const auto* raw = reinterpret_cast<const unsigned char*>(&clsid);
+  return Bytes(raw, raw + sizeof clsid);
+}
+const Bytes kNumberData = {0x04, 0x03, 0x02, 0x01};  // 0x01020304
+const Bytes kNumberRecord = Concat(BytesOf(kNumberClass), kNumberData);
+
+// Every byte 0xCD but vt, so bytes a record takes from memory are visibly garbage.
+VARIANT Filled(VARTYPE vt) {
+  VARIANT value;
+  std::memset(&value, 0xCD, sizeof value);
+  value.vt = vt;
+  return value;
+}
+// A VARIANT record's 16 bytes: vt, then garbage where the value would be.
+Bytes Header(VARTYPE vt) { return Concat({BYTE(vt), BYTE(vt >> 8)}, Bytes(14, 0xCC)); }
+
+// Saves and loads one 32-bit number through IPersistStream; lives on a test's stack.
+class PersistentNumber : public IPersistStream {
+ public:
+  explicit PersistentNumber(LONG value) : value(value) {}
+  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
+    const bool known = iid == IID_IUnknown || iid == IID_IPersist || iid == IID_IPersistStream;
+    *ppv = known ? this : nullptr;
+    if (known) AddRef();
+    return known ? S_OK : E_NOINTERFACE;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++refs); }
+  STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--refs); }
+  STDMETHODIMP GetClassID(CLSID* clsid) override {
+    *clsid = kNumberClass;
+    return S_OK;
+  }
+  STDMETHODIMP IsDirty() override { return S_FALSE; }
+  STDMETHODIMP Load(IStream* stream) override {
+    LONG read = 0;
+    ULONG got = 0;
+    const HRESULT hr = stream->Read(&read, sizeof read, &got);
+    if (FAILED(hr)) return hr;
+    if (got != sizeof read) return STG_E_READFAULT;
+    value = read;
+    return S_OK;
+  }
+  STDMETHODIMP Save(IStream* stream, BOOL) override {
+    return stream->Write(&value, sizeof value, nullptr);
+  }
+  STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override {
+    size->QuadPart = sizeof value;
+    return S_OK;
+  }
+
+  LONG value;
+  long refs = 1;
+};
+
+// Each loads one record, checks that a failure hands out nothing (a VARIANT is left
+// VT_EMPTY, safe to clear), frees what a success handed out and, if asked, says
+// whether that was a value.
+using Loader = HRESULT (*)(IStream*, bool* handedOut);
+template <class Text, class Load, class Free>
+HRESULT LoadAndFree(IStream* stream, bool* handedOut, Load load, Free free) {
+  Text loaded = reinterpret_cast<Text>(0xDEADBEEF);
+  const HRESULT hr = load(stream, &loaded);
+  if (handedOut) *handedOut = loaded != nullptr;
+  if (FAILED(hr)) EXPECT_EQ(nullptr, loaded);
+  if (SUCCEEDED(hr)) free(loaded);
+  return hr;
+}
+HRESULT LoadBstr(IStream* s, bool* out) {
+  return LoadAndFree<BSTR>(s, out, BSTR_LoadFromStream, SysFreeString);
+}
+HRESULT LoadOleString(IStream* s, bool* out) {
+  return LoadAndFree<LPOLESTR>(s, out, OleString_LoadFromStream, CoTaskMemFree);
+}
+HRESULT LoadVariant(IStream* stream, bool* handedOut) {
+  VARIANT loaded = Filled(0xBEEF);
+  const HRESULT hr = VARIANT_LoadFromStream(stream, &loaded);
+  if (handedOut) *handedOut = loaded.vt != VT_EMPTY;
+  if (FAILED(hr)) EXPECT_EQ(VT_EMPTY, loaded.vt);
+  EXPECT_HR(S_OK, VariantClear(&loaded));
+  return hr;
+}
+// Loads into a number of the test's own, which must keep only its first reference.
+HRESULT InitNumber(IStream* stream, bool* handedOut) {
+  PersistentNumber number(7);
+  const HRESULT hr = OleInitFromStream(stream, &number);
+  if (handedOut) *handedOut = number.value != 7;
+  EXPECT_EQ(1, number.refs);
+  return hr;
+}
+
+// COM on the test thread, a fresh memory stream, and at the end no task block
+// (BSTRs included) left behind.
+class Records : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_com = CoInitialize(nullptr);
+    Fill({});
+  }
+  void TearDown() override {
+    stream.Reset();
+    EXPECT_EQ(0, spy.Outstanding()) << "task-allocator blocks (BSTRs included) left behind";
+    if (SUCCEEDED(m_com)) CoUninitialize();
+  }
+
+  void Fill(const Bytes& content) { *stream.put() = xktest::NewMemoryStream(content); }
+  Bytes Written() const { return xktest::ContentOf(stream.get()); }
+  ULONGLONG Position() const { return xktest::PositionOf(stream.get()); }
+  void Rewind() { xktest::SeekTo(stream.get(), 0); }
+
+  xktest::MallocSpy spy;
+  xktest::ComRef<IStream> stream;
+  xktest::DebugOutputCapture capture;
+
+ private:
+  HRESULT m_com = E_FAIL;
+};
+
+const struct StringCase {
+  const char* what;
+  const void* text;  // null for a null string
+  UINT bytes;
+  Bytes record;
+  bool bstrOnly;  // an odd byte length is no OLE string
+} kStrings[] = {
+    {"abc", kAbc, 6, kAbcRecord, false},
+    {"empty", L"", 0, {0x02, 0x00, 0x00, 0x00, 0x00, 0x00}, false},
+    {"null", nullptr, 0, {0x00, 0x00, 0x00, 0x00}, false},
+    {"odd byte length", "xyz", 3, {0x05, 0x00, 0x00, 0x00, 'x', 'y', 'z', 0x00, 0x00}, true},
+};
+
+TEST_F(Records, StringsWriteTheCountThenTheBytesWithTheirTerminatorAndLoadThemBack) {
+  for (const StringCase& c : kStrings) {
+    SCOPED_TRACE(c.what);
+    const ULONG count = static_cast<ULONG>(c.record.size() - 4);
+    Fill({});
+    BSTR text = c.text ? SysAllocStringByteLen(static_cast<const char*>(c.text), c.bytes) : nullptr;
+    ULONG size = 0xDEADBEEF;
+    EXPECT_HR(S_OK, BSTR_GetSizeMax(text, &size));
+    EXPECT_EQ(count, size) << "the count field itself is not counted";
+    EXPECT_HR(S_OK, BSTR_SaveToStream(stream.get(), text));
+    SysFreeString(text);
+    EXPECT_EQ(c.record, Written());
+    Rewind();
+    BSTR loaded = reinterpret_cast<BSTR>(0xDEADBEEF);
+    EXPECT_HR(S_OK, BSTR_LoadFromStream(stream.get(), &loaded));
+    EXPECT_EQ(c.record.size(), Position());
+    EXPECT_EQ(c.text == nullptr, loaded == nullptr) << "count 0 is a null BSTR";
+    EXPECT_EQ(count, SysStringByteLen(loaded)) << "the saved terminator is the last character";
+    if (loaded) EXPECT_EQ(0, std::memcmp(loaded, c.record.data() + 4, count));
+    SysFreeString(loaded);
+    if (c.bstrOnly) continue;
+
+    // An OLE string writes the same record but counts all of it.
+    Fill({});
+    const auto* ole = static_cast<LPCOLESTR>(c.text);
+    EXPECT_HR(S_OK, OleString_GetSizeMax(ole, &size));
+    EXPECT_EQ(c.record.size(), size);
+    EXPECT_HR(S_OK, OleString_SaveToStream(stream.get(), ole));
+    EXPECT_EQ(c.record, Written());
+    Rewind();
+    LPOLESTR oleLoaded = reinterpret_cast<LPOLESTR>(0xDEADBEEF);
+    EXPECT_HR(S_OK, OleString_LoadFromStream(stream.get(), &oleLoaded));
+    EXPECT_EQ(c.record.size(), Position());
+    EXPECT_STREQ(ole, oleLoaded);
+    CoTaskMemFree(oleLoaded);
+  }
+}
+
+TEST_F(Records, ObjectsSaveTheirClassThenTheirDataAndInitOnlyIntoTheirOwnClass) {
+  PersistentNumber saved(0x01020304);
+  EXPECT_HR(S_OK, OleSaveUnknownToStream(stream.get(), &saved));
+  EXPECT_EQ(kNumberRecord, Written());
+  EXPECT_EQ(1, saved.refs);
+  Fill({});
+  EXPECT_HR(S_OK, OleSaveUnknownToStream(stream.get(), nullptr));
+  EXPECT_EQ(Bytes(16, 0x00), Written()) << "a null object is CLSID_NULL and nothing more";
+
+  PersistentNumber number(7);
+  xktest::FakeUnknown notPersistent;
+  const struct {
+    const char* what;
+    IUnknown* object;
+    Bytes record;
+    HRESULT expected;
+    LONG value;  // the number's afterwards
+  } cases[] = {
+      {"own class", &number, kNumberRecord, S_OK, 0x01020304},
+      {"other class", &number, Concat(BytesOf(kOtherClass), kNumberData), TYPE_E_INVALIDID, 7},
+      {"no IPersistStream", &notPersistent, kNumberRecord, E_NOINTERFACE, 7},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    number.value = 7;
+    Fill(c.record);
+    EXPECT_HR(c.expected, OleInitFromStream(stream.get(), c.object));
+    EXPECT_EQ(c.value, number.value);
+    EXPECT_EQ(SUCCEEDED(c.expected) ? c.record.size() : 0u, Position());
+    EXPECT_EQ(1, number.refs);
+    EXPECT_EQ(1, notPersistent.refs);
+  }
+}
+
+Bytes LittleEndian64(ULONGLONG bits) {
+  return Concat(LittleEndian32(static_cast<ULONG>(bits)), LittleEndian32(bits >> 32));
+}
+
+const struct VariantCase {
+  const char* what;
+  VARTYPE vt;
+  Bytes payload;
+} kVariants[] = {
+    {"empty", VT_EMPTY, {}},
+    {"42", VT_I4, {}},
+    {"\"abc\"", VT_BSTR, kAbcRecord},
+    {"42 by reference", VT_BYREF | VT_I4, {}},
+    {"null object", VT_UNKNOWN, Bytes(16, 0x00)},
+};
+
+TEST_F(Records, VariantsWriteTheVariantThenItsPayloadAndLoadBackByValue) {
+  for (const VariantCase& c : kVariants) {
+    SCOPED_TRACE(c.what);
+    Fill({});
+    LONG fortyTwo = 42;
+    BSTR text = SysAllocString(kAbc);
+    VARIANT value = {};
+    value.vt = c.vt;
+    if (c.vt == VT_I4) value.lVal = fortyTwo;
+    if (c.vt == VT_BSTR) value.bstrVal = text;
+    if (c.vt & VT_BYREF) value.plVal = &fortyTwo;
+    // The record is always by value: vt without VT_BYREF, the reserved words, the value.
+    const VARTYPE type = c.vt & ~VT_BYREF;
+    const LONGLONG bits = c.vt & VT_BYREF ? fortyTwo : value.llVal;
+    ASSERT_HR(S_OK, VARIANT_SaveToStream(stream.get(), &value));
+    EXPECT_EQ(Concat(Concat({BYTE(type), 0, 0, 0, 0, 0, 0, 0}, LittleEndian64(bits)), c.payload),
+              Written());
+    SysFreeString(text);
+    Rewind();
+    VARIANT loaded = Filled(0xBEEF);
+    ASSERT_HR(S_OK, VARIANT_LoadFromStream(stream.get(), &loaded));
+    EXPECT_EQ(type, loaded.vt);
+    EXPECT_EQ(16u + c.payload.size(), Position());
+    if (type == VT_BSTR)
+      EXPECT_EQ(std::wstring(L"abc", 4),
+                std::wstring(loaded.bstrVal, SysStringLen(loaded.bstrVal)));
+    else
+      EXPECT_EQ(c.vt == VT_EMPTY || c.vt == VT_UNKNOWN ? 0 : 42, loaded.llVal);
+    VariantClear(&loaded);
+  }
+  EXPECT_THAT(capture.Lines(), IsEmpty());
+}
+
+TEST_F(Records, VariantTypesOutsideTheTableAreRefusedOnSaveAndOnLoad) {
+  const std::string unrecognised = "Unrecognised variant type\n";
+  const struct {
+    VARTYPE vt;
+    HRESULT saved;
+    std::string saveLine;
+  } cases[] = {
+      {VT_BYREF | VT_ARRAY | VT_I4, E_INVALIDARG,
+       "Cannot load a variant with VT_BYREF|VT_ARRAY, so save operation is prohibited\n"},
+      {VT_DECIMAL, kBadType, unrecognised},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.vt);
+    capture.Clear();
+    SAFEARRAY* array = nullptr;
+    VARIANT value = {};
+    value.vt = c.vt;
+    if (c.vt & VT_BYREF) value.pparray = &array;
+    Fill({});
+    EXPECT_HR(c.saved, VARIANT_SaveToStream(stream.get(), &value));
+    EXPECT_EQ(0u, Position());
+    Fill(Header(c.vt));
+    EXPECT_HR(kBadType, LoadVariant(stream.get(), nullptr));
+    EXPECT_EQ(0u, Position());
+    EXPECT_THAT(capture.Lines(), ElementsAre(c.saveLine, unrecognised));
+  }
+}
+
+TEST_F(Records, PlaceholdersAnswerNotImplementedAndTouchNothing) {
+  ULONG size = 0xDEADBEEF;
+  VARIANT value = Filled(0xBEEF);
+  FILETIME time = {0xDEADBEEF, 0xDEADBEEF};
+  Fill({0x00, 0x01, 0x00, 0x00});
+  SAFEARRAY* strings = SafeArrayCreateVector(VT_BSTR, 0, 1);
+  SAFEARRAY* kept = strings;
+  for (HRESULT hr :
+       {VARIANT_GetSizeMax(&value, &size), VariantTimeToFileTime(36526.0, &time),
+        SAFEARRAY_GetSizeMax(strings, &size), SAFEARRAY_SaveToStream(stream.get(), strings),
+        SAFEARRAY_LoadFromStream(stream.get(), &kept)})
+    EXPECT_HR(E_NOTIMPL, hr);
+  EXPECT_EQ(0xDEADBEEFu, size);
+  EXPECT_EQ(0xDEADBEEFu, time.dwLowDateTime);
+  EXPECT_EQ(strings, kept) << "the caller's pointer is not written";
+  EXPECT_EQ(0u, Position());
+  SafeArrayDestroy(strings);
+}
+
+TEST_F(Records, VariantInitFillsWithoutReleasingWhatItHeld) {
+  VARIANT value = Filled(0xBEEF);
+  VARIANT_InitI4(&value, -5);
+  EXPECT_EQ(VT_I4, value.vt);
+  EXPECT_EQ(-5, value.lVal);
+  // Each init with the string it makes; null where the string cannot be made.
+  const std::pair<void (*)(VARIANT*), const wchar_t*> cases[] = {
+      {[](VARIANT* v) { VARIANT_InitBSTRA(v, "abc"); }, L"abc"},
+      {[](VARIANT* v) { VARIANT_InitBSTRW(v, L"wide"); }, L"wide"},
+      {[](VARIANT* v) { VARIANT_InitBSTRA(v, ""); }, nullptr},
+  };
+  for (const auto& [init, expected] : cases) {
+    value = Filled(0xBEEF);
+    init(&value);
+    EXPECT_EQ(VT_BSTR, value.vt);
+    EXPECT_STREQ(expected, value.bstrVal);
+    VariantClear(&value);
+  }
+}
+
+TEST_F(Records, FileTimeToVariantTimeConvertsThroughTheBrokenDownTimeOrRefuses) {
+  const ULONGLONG noonOfTheMillennium = 125911584000000000ull + 12ull * 3600 * 10000000;
+  const struct {
+    ULONGLONG ticks;
+    HRESULT expected;
+    DATE date;  // 1234: left alone
+  } cases[] = {
+      {noonOfTheMillennium, S_OK, 36526.5},
+      {0x8000000000000000ull, HRESULT_FROM_WIN32(ERROR_INVALID_PARAMETER), 1234.0},
+      {0x7FFFFFFFFFFFFFFFull, DISP_E_OVERFLOW, 1234.0},  // the year 30828
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.ticks);
+    const FILETIME time = {static_cast<DWORD>(c.ticks), static_cast<DWORD>(c.ticks >> 32)};
+    DATE date = 1234.0;
+    EXPECT_HR(c.expected, FileTimeToVariantTime(&time, &date));
+    EXPECT_DOUBLE_EQ(c.date, date);
+  }
+}
+
+// Saves "abc" as each kind of record.
+HRESULT SaveBstr(IStream* stream) {
+  BSTR abc = SysAllocString(kAbc);
+  const HRESULT hr = BSTR_SaveToStream(stream, abc);
+  SysFreeString(abc);
+  return hr;
+}
+HRESULT SaveOleString(IStream* stream) { return OleString_SaveToStream(stream, kAbc); }
+HRESULT SaveVariant(IStream* stream) {
+  VARIANT text = {};
+  text.vt = VT_BSTR;
+  text.bstrVal = SysAllocString(kAbc);
+  const HRESULT hr = VARIANT_SaveToStream(stream, &text);
+  VariantClear(&text);
+  return hr;
+}
+
+TEST_F(Records, AFailedWriteOrReadPutsTheStreamBackWhereItWas) {
+  const struct {
+    const char* name;
+    HRESULT (*save)(IStream*);  // null where saving has no guard of its own
+    Loader load;
+    Bytes record;
+  } kinds[] = {
+      {"BSTR", SaveBstr, LoadBstr, kAbcRecord},
+      {"OLE string", SaveOleString, LoadOleString, kAbcRecord},
+      {"VARIANT", SaveVariant, LoadVariant, Concat(Header(VT_BSTR), kAbcRecord)},
+      {"object", nullptr, InitNumber, kNumberRecord},
+  };
+  // The second write or read fails, once the first has moved the stream on.
+  for (const auto& kind : kinds) {
+    SCOPED_TRACE(kind.name);
+    for (bool writing : {true, false}) {
+      if (writing && !kind.save) continue;
+      FaultyStream faulty(Concat(kPrefix, writing ? Bytes{} : kind.record));
+      xktest::SeekTo(faulty.Inner(), kPrefix.size());
+      faulty.FailNth(writing ? FaultyStream::kWrite : FaultyStream::kRead, 2, kFault);
+      bool handedOut = false;
+      EXPECT_HR(kFault, writing ? kind.save(&faulty) : kind.load(&faulty, &handedOut));
+      EXPECT_FALSE(handedOut);
+      EXPECT_EQ(kPrefix.size(), faulty.Position());
+      EXPECT_EQ(1, faulty.References());
+    }
+  }
+}
+
+// Read from a strict stream, which reports a short read as STG_E_READFAULT.
+Bytes Counted(ULONG count, const Bytes& bytes = {}) { return Concat(LittleEndian32(count), bytes); }
+Bytes InVariant(VARTYPE vt, const Bytes& payload) { return Concat(Header(vt), payload); }
+const struct Corrupt {
+  const char* what;
+  Loader load;
+  Bytes record;
+  HRESULT expected;
+} kCorrupt[] = {
+    {"BSTR: count cut short", LoadBstr, {0x08, 0x00}, kFault},
+    {"BSTR: text cut short", LoadBstr, Counted(8, {'a', 0}), kFault},
+    {"BSTR: garbage count", LoadBstr, Counted(0xFFFFFFFF), kBad},
+    {"BSTR: count far past the stream", LoadBstr, Counted((1u << 20) + 2, Bytes(10, 'x')), kBad},
+    {"OLE: odd count", LoadOleString, Counted(3, {'a', 0, 0}), kBad},
+    {"OLE: no terminator", LoadOleString, Counted(4, {'a', 0, 'b', 0}), kBad},
+    {"OLE: garbage count", LoadOleString, Counted(0x80000000), kBad},
+    {"VARIANT: header cut short", LoadVariant, {0x03, 0x00}, kFault},
+    {"VARIANT: BSTR garbage count", LoadVariant, InVariant(VT_BSTR, Counted(~0u)), kBad},
+    {"VARIANT: vt 0xFFFF", LoadVariant, Header(0xFFFF), kBadType},
+    {"object: class id cut short", InitNumber, Bytes(10, 0x11), kFault},
+    {"object: data cut short", InitNumber, Concat(BytesOf(kNumberClass), {0x01}), kFault},
+};
+
+TEST_F(Records, EveryLoaderAnswersCorruptInputWithACodeAndKeepsTheStreamWhereItWas) {
+  for (const Corrupt& c : kCorrupt) {
+    SCOPED_TRACE(c.what);
+    FaultyStream strict(c.record);
+    strict.FailShortReads(kFault);
+    const size_t requestsBefore = spy.AllocRequests().size();
+    EXPECT_HR(c.expected, c.load(&strict, nullptr));
+    EXPECT_EQ(0u, strict.Position());
+    EXPECT_EQ(1, strict.References());
+    // Nothing is reserved on the word of a count that is then refused.
+    const std::vector<SIZE_T> requests = spy.AllocRequests();
+    if (c.expected == kBad)
+      for (size_t i = requestsBefore; i < requests.size(); ++i)
+        EXPECT_LE(requests[i], c.record.size());
+  }
+}
+
+}  // namespace
