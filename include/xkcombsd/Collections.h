@@ -10,34 +10,17 @@
 // (SysFreeString, CoTaskMemFree, Release, VariantClear). Every method may be
 // called from any thread.
 //
-// The interfaces are declared here for C++ (abstract structs) and C (a vtable
-// struct reached through lpVtbl), so that no type library is needed.
+// The interfaces are declared for C++ and C alike (InterfaceDeclarations.h).
 #pragma once
 
 #include <comcat.h>  // IEnumGUID
 #include <oaidl.h>   // IEnumVARIANT
 #include <xkcombsd/Identifiers.h>
+#include <xkcombsd/InterfaceDeclarations.h>
 #include <xkcombsd/XKApi.h>
 
 // The library's own IEnumGUID (IID_IQvEnumGUID) has the platform IEnumGUID's
 // methods in the same slots, so the platform declaration is used for both.
-
-// C++ methods have an implicit object; the C vtable names it as This, and lists
-// the methods a C++ interface inherits.
-#if defined(__cplusplus) && !defined(CINTERFACE)
-#define QV_THIS_(iface)
-#define QV_THIS(iface) void
-#define QV_INHERITED(methods)
-#else
-#define QV_THIS_(iface) iface* This,
-#define QV_THIS(iface) iface* This
-#define QV_INHERITED(methods) methods
-#endif
-
-#define QV_IUNKNOWN_METHODS(iface)                                                                \
-  STDMETHOD(QueryInterface)(QV_THIS_(iface) REFIID riid, void** ppv) PURE;                        \
-  STDMETHOD_(ULONG, AddRef)(QV_THIS(iface)) PURE;                                                 \
-  STDMETHOD_(ULONG, Release)(QV_THIS(iface)) PURE;
 
 // ICollXxx: Count; Add appends copies and keeps the position's index; Empty
 // answers S_FALSE when there was nothing; _NewEnum does not reset the position.

@@ -33,6 +33,19 @@ XK_EXTERN_C void    XKAPI VARIANT_InitI4(VARIANT* pvar, LONG number);           
 XK_EXTERN_C void    XKAPI VARIANT_InitBSTRA(VARIANT* pvar, LPCSTR psz);                      // 121
 XK_EXTERN_C void    XKAPI VARIANT_InitBSTRW(VARIANT* pvar, LPCOLESTR psz);                   // 122
 
+// Property records: the name's byte length rounded up to a multiple of 4, the
+// name's characters (no terminator) and 0 or 2 zero bytes of padding, then a
+// VARIANT record. Names are never empty. The loaded name is the caller's
+// (OleString_Destroy), also after a failure that left it allocated. The size
+// query answers E_NOTIMPL and 0 for every valid name, as a VARIANT record's
+// size is never known.
+XK_EXTERN_C HRESULT XKAPI Property_GetSizeMax(LPCOLESTR name, const VARIANT* value,
+                                              ULONG* pcb);                                   // 56
+XK_EXTERN_C HRESULT XKAPI Property_SaveToStream(IStream* pstm, LPCOLESTR name,
+                                                const VARIANT* value);                       // 57
+XK_EXTERN_C HRESULT XKAPI Property_LoadFromStream(IStream* pstm, LPOLESTR* pname,
+                                                  VARIANT* value);                           // 58
+
 // Array records are not implemented: every call answers E_NOTIMPL.
 XK_EXTERN_C HRESULT XKAPI SAFEARRAY_GetSizeMax(SAFEARRAY* psa, ULONG* pcb);                  // 51
 XK_EXTERN_C HRESULT XKAPI SAFEARRAY_SaveToStream(IStream* pstm, SAFEARRAY* psa);             // 52

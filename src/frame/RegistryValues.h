@@ -142,8 +142,6 @@ LONG DeleteKeyTree(HKEY root, const typename Api::Char* subKey) {
 
 namespace xk {
 
-inline constexpr auto Reg_SetValueA = &registry::SetValue<registry::Narrow>;
-inline constexpr auto Reg_SetValueW = &registry::SetValue<registry::Wide>;
 inline constexpr auto Reg_SetStringValueA = &registry::SetStringValue<registry::Narrow>;
 inline constexpr auto Reg_SetStringValueW = &registry::SetStringValue<registry::Wide>;
 inline constexpr auto Reg_QueryValueA = &registry::QueryValue<registry::Narrow>;

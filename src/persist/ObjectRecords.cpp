@@ -5,6 +5,7 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/Persist.h>
 
+#include "persist/ObjectLoading.h"
 #include "persist/StreamPositionGuard.h"
 
 namespace xk::persist {
@@ -32,6 +33,23 @@ HRESULT LoadIfSameClass(IStream* stream, IPersistStream* persist) {
 }
 
 }  // namespace
+
+HRESULT LoadObject(IStream* stream, REFIID riid, void** ppv) {
+  *ppv = nullptr;
+  CLSID clsid;
+  HRESULT hr = ReadClassStm(stream, &clsid);
+  if (FAILED(hr)) return hr;
+  MLRelItf<IUnknown> object;
+  hr = CoCreateInstance(clsid, nullptr, CLSCTX_SERVER, IID_IUnknown, object.put_void());
+  if (FAILED(hr)) return hr;
+  MLRelItf<IPersistStream> persist;
+  hr = QueryPersistStream(object.get(), &persist);
+  if (SUCCEEDED(hr)) hr = persist->Load(stream);
+  if (SUCCEEDED(hr)) hr = object->QueryInterface(riid, ppv);
+  if (FAILED(hr)) *ppv = nullptr;  // a refusal may have written one anyway
+  return hr;
+}
+
 }  // namespace xk::persist
 
 using namespace xk::persist;

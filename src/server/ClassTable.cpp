@@ -4,14 +4,15 @@
 
 #include "server/ClassTable.h"
 #include "collections/CollectionRows.h"
+#include "propbag/PropertyBagRows.h"
 
 namespace xk::module {
 
 namespace {
 
 // Searched in this order; a class that is not built yet has no row. The rows
-// still to come, each in its place after the collections:
-//   PropertyBag, PropertyBag_ST, CLSID_QvFreeThreadedUnmarshaler  kNoAggregation
+// still to come, each in its place after the property bags:
+//   CLSID_QvFreeThreadedUnmarshaler                               kNoAggregation
 //   CLSID_QvFreeThreadedMarshaler                                 flags 0
 //   proxy/stubs of IID_IQvEnumGUID, IID_ICollGUID, IID_ISeqGUID (their own
 //   interface identifiers)                                        flags 0
@@ -21,6 +22,8 @@ constexpr ClassRow kClassTable[] = {
     {&CLSID_QvEnumUnknown, collections::CreateEnumUnknown, kNoAggregation},
     {&CLSID_QvEnumGUID, collections::CreateEnumGUID, kNoAggregation},
     {&CLSID_QvEnumVARIANT, collections::CreateEnumVARIANT, kNoAggregation},
+    {&CLSID_QvPropertyBag, propbag::CreatePropertyBag, kNoAggregation},
+    {&CLSID_QvPropertyBag_ST, propbag::CreatePropertyBag, kNoAggregation},
     {nullptr, nullptr, 0},  // end of the table
 };
 

@@ -1,0 +1,134 @@
+// Property records: exact bytes, refusals, and hostile name lengths.
+#include <gmock/gmock.h>
+#include <xkcombsd/Persist.h>
+
+#include "HResult.h"
+#include "MallocSpy.h"
+#include "TestStreams.h"
+
+namespace {
+
+using xktest::Bytes;
+using xktest::ComRef;
+
+const Bytes kEmptyVariant(16, 0);
+
+Bytes VariantI4(unsigned char value) {
+  Bytes record(16, 0);
+  record[0] = VT_I4;
+  record[8] = value;
+  return record;
+}
+
+class PropertyRecordsTest : public ::testing::Test {
+protected:
+  void SetUp() override { CoInitialize(nullptr); }
+  void TearDown() override {
+    EXPECT_EQ(0, spy.Outstanding());
+    CoUninitialize();
+  }
+  xktest::MallocSpy spy;
+};
+
+TEST_F(PropertyRecordsTest, NamesArePaddedToFourBytesAndLoadBack) {
+  VARIANT i4 = {};  // the record carries all 8 value bytes
+  V_VT(&i4) = VT_I4;
+  V_I4(&i4) = 42;
+  struct Row {
+    const wchar_t *name;
+    const VARIANT *value;
+    Bytes record;
+  } rows[] = {
+      {L"a", nullptr, Bytes{4, 0, 0, 0, 'a', 0, 0, 0}},
+      {L"ab", nullptr, Bytes{4, 0, 0, 0, 'a', 0, 'b', 0}},
+      {L"abc", &i4, Bytes{8, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0}},
+      {L"abcd", nullptr, Bytes{8, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 'd', 0}},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(row.name)));
+    ComRef<IStream> stream(xktest::NewMemoryStream());
+    ASSERT_HR(S_OK, Property_SaveToStream(stream.get(), row.name, row.value));
+    const Bytes expected =
+        xktest::Concat(row.record, row.value ? VariantI4(42) : kEmptyVariant);
+    EXPECT_EQ(expected, xktest::ContentOf(stream.get()));
+
+    xktest::SeekTo(stream.get(), 0);
+    LPOLESTR name = nullptr;
+    VARIANT value;
+    VariantInit(&value);
+    ASSERT_HR(S_OK, Property_LoadFromStream(stream.get(), &name, &value));
+    EXPECT_EQ(std::wstring(row.name), name);
+    EXPECT_EQ(row.value ? VT_I4 : VT_EMPTY, V_VT(&value));
+    EXPECT_EQ(expected.size(), xktest::PositionOf(stream.get()));
+    CoTaskMemFree(name);
+
+    ULONG size = 99;
+    EXPECT_HR(E_NOTIMPL, Property_GetSizeMax(row.name, row.value, &size));
+    EXPECT_EQ(0u, size);
+  }
+}
+
+TEST_F(PropertyRecordsTest, RefusedArgumentsWriteNothing) {
+  ComRef<IStream> stream(xktest::NewMemoryStream());
+  LPOLESTR name = nullptr;
+  VARIANT value;
+  ULONG size;
+  EXPECT_HR(E_POINTER, Property_SaveToStream(nullptr, L"a", nullptr));
+  EXPECT_HR(E_POINTER, Property_SaveToStream(stream.get(), nullptr, nullptr));
+  EXPECT_HR(E_INVALIDARG, Property_SaveToStream(stream.get(), L"", nullptr));
+  EXPECT_HR(E_POINTER, Property_LoadFromStream(nullptr, &name, &value));
+  EXPECT_HR(E_POINTER, Property_LoadFromStream(stream.get(), nullptr, &value));
+  EXPECT_HR(E_POINTER, Property_LoadFromStream(stream.get(), &name, nullptr));
+  EXPECT_HR(E_POINTER, Property_GetSizeMax(nullptr, nullptr, &size));
+  EXPECT_HR(E_INVALIDARG, Property_GetSizeMax(L"", nullptr, &size));
+  EXPECT_HR(E_POINTER, Property_GetSizeMax(L"a", nullptr, nullptr));
+  EXPECT_TRUE(xktest::ContentOf(stream.get()).empty());
+}
+
+TEST_F(PropertyRecordsTest, AFailedWritePutsThePositionBack) {
+  for (int n = 1; n <= 4;
+       ++n) { // the length, the name, the padding, the VARIANT record
+    SCOPED_TRACE(n);
+    xktest::FaultyStream stream;
+    stream.FailNth(xktest::FaultyStream::kWrite, n, STG_E_MEDIUMFULL);
+    EXPECT_HR(STG_E_MEDIUMFULL, Property_SaveToStream(&stream, L"a", nullptr));
+    EXPECT_EQ(0u, stream.Position());
+  }
+}
+
+// A hostile length never reads past the stream or reserves what the stream
+// cannot back; the position goes back, and a name block already handed out is
+// the caller's to free.
+TEST_F(PropertyRecordsTest,
+       HostileNameLengthsFailPromptlyAndPutThePositionBack) {
+  const HRESULT kInvalid = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+  struct Row {
+    const char *what;
+    Bytes record;
+    HRESULT expected;
+  } rows[] = {
+      {"length 0", xktest::Concat(xktest::LittleEndian32(0), kEmptyVariant),
+       kInvalid},
+      {"odd length", xktest::Concat(xktest::LittleEndian32(5), Bytes(21, 0)),
+       kInvalid},
+      {"length past the stream",
+       xktest::Concat(xktest::LittleEndian32(0x7FFFFFF0), Bytes(8, 'x')),
+       kInvalid},
+      {"length 0xFFFFFFFE", xktest::LittleEndian32(0xFFFFFFFE), kInvalid},
+      {"cut length", Bytes{1, 0}, kInvalid}, // short reads give zeros: length 1
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.what);
+    ComRef<IStream> stream(xktest::NewMemoryStream(row.record));
+    LPOLESTR name = nullptr;
+    VARIANT value;
+    VariantInit(&value);
+    EXPECT_HR(row.expected,
+              Property_LoadFromStream(stream.get(), &name, &value));
+    EXPECT_EQ(0u, xktest::PositionOf(stream.get()));
+    EXPECT_EQ(VT_EMPTY, V_VT(&value));
+    CoTaskMemFree(name);
+  }
+}
+
+} // namespace

@@ -1,0 +1,392 @@
+// Both property-bag classes through one typed suite; the free-threaded one
+// under several threads; the whole-bag stream functions.
+#include <gmock/gmock.h>
+#include <xkcombsd/Collections.h>
+#include <xkcombsd/Module.h>
+#include <xkcombsd/PropertyBag.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DebugOutput.h"
+#include "HResult.h"
+#include "MallocSpy.h"
+#include "TestStreams.h"
+
+namespace {
+
+using testing::ElementsAre;
+using xktest::Bytes;
+using xktest::ComRef;
+
+const std::wstring kSource = L"Quorvel Software PropertyBag Implementation|";
+const HRESULT kInvalid = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+
+std::wstring Text(BSTR text) { return text ? text : L""; }
+std::wstring Take(BSTR text) {
+  const std::wstring copy = Text(text);
+  SysFreeString(text);
+  return copy;
+}
+
+// The thread's error information as "source|description" ("" for none).
+std::wstring TakeWarning(GUID* iid = nullptr) {
+  ComRef<IErrorInfo> info;
+  if (GetErrorInfo(0, info.put()) != S_OK) return L"";
+  BSTR source = nullptr, description = nullptr;
+  info->GetSource(&source), info->GetDescription(&description);
+  if (iid) info->GetGUID(iid);
+  return Take(source) + L"|" + Take(description);
+}
+
+VARIANT I4(LONG value) {
+  VARIANT v;
+  V_VT(&v) = VT_I4, V_I4(&v) = value;
+  return v;
+}
+
+template <class T>
+void** Out(ComRef<T>& ref) {
+  return reinterpret_cast<void**>(ref.put());
+}
+
+// A new bag through its class object, as a client gets one.
+IPropertyBagEdit* NewBag(REFCLSID clsid) {
+  ComRef<IClassFactory> factory;
+  IPropertyBagEdit* bag = nullptr;
+  DllGetClassObject(clsid, IID_IClassFactory, Out(factory));
+  factory->CreateInstance(nullptr, IID_IPropertyBagEdit, reinterpret_cast<void**>(&bag));
+  return bag;
+}
+
+class BagFixture : public ::testing::Test {
+ protected:
+  void SetUp() override { CoInitializeEx(nullptr, COINIT_MULTITHREADED); }
+  void TearDown() override {
+    for (DWORD cookie : cookies) CoRevokeClassObject(cookie);
+    EXPECT_HR(S_OK, DllCanUnloadNow());
+    EXPECT_EQ(0, spy.Outstanding());
+    CoUninitialize();
+  }
+  // So that CoCreateInstance (of _NewEnum and the whole-bag loader) finds
+  // the classes without the registry.
+  void RegisterClasses() {
+    for (const CLSID* clsid :
+         {&CLSID_QvEnumString, &CLSID_QvPropertyBag, &CLSID_QvPropertyBag_ST}) {
+      ComRef<IUnknown> factory;
+      DllGetClassObject(*clsid, IID_IUnknown, Out(factory));
+      CoRegisterClassObject(*clsid, factory.get(), CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
+                            &cookies.emplace_back());
+    }
+  }
+
+  xktest::MallocSpy spy;
+  std::vector<DWORD> cookies;
+};
+
+template <class Kind>
+class PropertyBagTest : public BagFixture {
+ protected:
+  static IPropertyBagEdit* Make() { return NewBag(*Kind::clsid); }
+};
+
+struct FreeThreaded {
+  static constexpr const CLSID* clsid = &CLSID_QvPropertyBag;
+};
+struct SingleThreaded {
+  static constexpr const CLSID* clsid = &CLSID_QvPropertyBag_ST;
+};
+using Kinds = testing::Types<FreeThreaded, SingleThreaded>;
+TYPED_TEST_SUITE(PropertyBagTest, Kinds);
+
+TYPED_TEST(PropertyBagTest, EditsAnswerExactlyAndLeaveTheirWarnings) {
+  IPropertyBagEdit* bag = this->Make();
+  ComRef<IPersistStream> persist;
+  ASSERT_HR(S_OK, bag->QueryInterface(IID_IPersistStream, Out(persist)));
+  VARIANT one = I4(1), two = I4(2), value, other;
+  LONG count = -1;
+  LPWSTR A = const_cast<LPWSTR>(L"A"), a = const_cast<LPWSTR>(L"a"), B = const_cast<LPWSTR>(L"B");
+  LPWSTR none = const_cast<LPWSTR>(L"");
+  const std::wstring exists = L"The property already exists (warning only)";
+  const std::wstring noName =
+      L"Did not add a property, as the name was empty or unspecified (warning only)";
+  const std::wstring empty = L"_PropData bag is already empty (warning only)";
+  struct Step {
+    std::function<HRESULT()> call;
+    HRESULT expected;
+    std::wstring warning;
+  } steps[] = {
+      {[&] { return persist->IsDirty(); }, S_FALSE},
+      {[&] { return bag->Add(A, &one); }, S_OK},
+      {[&] { return bag->Add(a, &two); }, S_OK},
+      {[&] { return bag->Add(A, &two); }, S_FALSE, exists},
+      {[&] { return bag->Add(nullptr, &one); }, S_FALSE, noName},
+      {[&] { return bag->Add(none, &one); }, S_FALSE, noName},
+      {[&] { return bag->Add(B, nullptr); }, E_POINTER},
+      {[&] { return bag->Count(&count); }, S_OK},
+      {[&] { return bag->Count(nullptr); }, E_POINTER},
+      {[&] { return bag->Item(A, &value); }, S_OK},
+      {[&] { return bag->Item(B, &other); }, E_INVALIDARG},
+      {[&] { return bag->Item(A, nullptr); }, E_POINTER},
+      {[&] { return bag->Remove(B); }, E_FAIL},
+      {[&] { return bag->Remove(none); }, S_FALSE},
+      {[&] { return bag->Remove(nullptr); }, S_FALSE},
+      {[&] { return bag->Remove(a); }, S_OK},
+      {[&] { return persist->IsDirty(); }, S_OK},
+      {[&] { return bag->Empty(); }, S_OK},
+      {[&] { return persist->IsDirty(); }, S_OK},
+      {[&] { return bag->Empty(); }, S_FALSE, empty},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(&step - steps);
+    SetErrorInfo(0, nullptr);
+    GUID iid = GUID_NULL;
+    EXPECT_HR(step.expected, step.call());
+    EXPECT_EQ(step.warning.empty() ? L"" : kSource + step.warning, TakeWarning(&iid));
+    if (!step.warning.empty()) EXPECT_TRUE(IsEqualGUID(IID_IPropertyBagEdit, iid));
+  }
+  EXPECT_EQ(2, count) << "names are case-sensitive";
+  EXPECT_EQ(2, V_I4(&value)) << "an existing name has its value replaced";
+  persist.Reset();
+  EXPECT_EQ(0u, bag->Release());
+  EXPECT_EQ(kSource + empty, TakeWarning()) << "the last release empties the bag again";
+}
+
+struct RecordingLog : IErrorLog {
+  STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
+  STDMETHODIMP_(ULONG) Release() override { return 1; }
+  STDMETHODIMP AddError(LPCOLESTR name, EXCEPINFO* e) override {
+    entries.push_back(name + (L"|" + Text(e->bstrSource)) + L"|" + Text(e->bstrDescription) + L"|" +
+                      std::to_wstring(e->wCode) + L"|" + std::to_wstring(e->scode) + L"|" +
+                      Text(e->bstrHelpFile) + std::to_wstring(e->dwHelpContext));
+    return S_OK;
+  }
+  std::vector<std::wstring> entries;
+};
+
+TYPED_TEST(PropertyBagTest, ReadsCopyOrCoerceAndTellTheErrorLogWhatFailed) {
+  ComRef<IPropertyBagEdit> edit(this->Make());
+  ComRef<IPropertyBag> bag;
+  ASSERT_HR(S_OK, edit->QueryInterface(IID_IPropertyBag, Out(bag)));
+  VARIANT n = I4(42), text, copy, number = I4(0), abc;
+  V_VT(&abc) = VT_BSTR, V_BSTR(&abc) = SysAllocString(L"abc");
+  V_VT(&text) = VT_BSTR, V_BSTR(&text) = SysAllocString(L"old");
+  VariantInit(&copy);
+  EXPECT_HR(S_OK, bag->Write(L"n", &n));
+  EXPECT_HR(S_OK, bag->Write(L"n", &n)) << "a replaced value is no failure of Write";
+  EXPECT_HR(S_OK, bag->Write(L"s", &abc));
+  EXPECT_HR(E_POINTER, bag->Write(nullptr, &n));
+  EXPECT_HR(S_OK, bag->Read(L"n", &text, nullptr));
+  EXPECT_EQ(L"42", std::wstring(V_BSTR(&text)));
+  EXPECT_HR(S_OK, bag->Read(L"n", &copy, nullptr));
+  EXPECT_EQ(42, V_I4(&copy));
+  RecordingLog log;
+  EXPECT_HR(E_INVALIDARG, bag->Read(L"absent", &copy, &log));
+  EXPECT_HR(DISP_E_TYPEMISMATCH, bag->Read(L"s", &number, &log));
+  EXPECT_THAT(log.entries,
+              ElementsAre(L"absent|" + kSource + L"The property could not be found|0|-2147024809|0",
+                          L"s|" + kSource +
+                              L"The property could not be coerced to the type requested|0|"
+                              L"-2147352571|0"));
+  VariantClear(&text), VariantClear(&abc);
+}
+
+TYPED_TEST(PropertyBagTest, RemovalKeepsTheOrderTheEnumeratorLists) {
+  this->RegisterClasses();
+  ComRef<IPropertyBagEdit> bag(this->Make());
+  std::vector<std::wstring> expected, listed;
+  VARIANT v = I4(0);
+  for (int i = 0; i < 20; ++i) {
+    std::wstring name = L"p" + std::to_wstring(i);
+    ASSERT_HR(S_OK, bag->Add(name.data(), &v));
+    if (i != 2) expected.push_back(name);
+  }
+  ASSERT_HR(S_OK, bag->Remove(const_cast<LPWSTR>(L"p2")));
+  ComRef<IEnumString> names;
+  ASSERT_HR(S_OK, bag->_NewEnum(names.put()));
+  for (LPOLESTR name; names->Next(1, &name, nullptr) == S_OK; CoTaskMemFree(name))
+    listed.push_back(name);
+  EXPECT_EQ(expected, listed);
+}
+
+TYPED_TEST(PropertyBagTest, GrowsBySixteenThenExactlyAndOnlyAnEmptyBagHasASize) {
+  const SIZE_T slot = sizeof(BSTR) + sizeof(VARIANT);
+  this->spy.ClearRequests();
+  ComRef<IPropertyBagEdit> bag(this->Make());
+  ComRef<IPersistStream> persist;
+  bag->QueryInterface(IID_IPersistStream, Out(persist));
+  ULARGE_INTEGER size;
+  ULONG cb = 0;
+  EXPECT_HR(S_OK, persist->GetSizeMax(&size));
+  EXPECT_HR(S_OK, PropertyBag_GetSizeMax(bag.get(), &cb));
+  EXPECT_EQ(16u, size.QuadPart);
+  EXPECT_EQ(16u, cb);
+  VARIANT v = I4(0);
+  for (int i = 0; i < 17; ++i) bag->Add((L"p" + std::to_wstring(i)).data(), &v);
+  EXPECT_THAT(this->spy.ReallocRequests(), ElementsAre(16 * slot, 16 * slot, 17 * slot));
+  GUID iid;
+  EXPECT_HR(E_NOTIMPL, persist->GetSizeMax(&size));
+  EXPECT_EQ(0u, size.QuadPart);
+  EXPECT_EQ(kSource + L"Could not determine size of one or more properties", TakeWarning(&iid));
+  EXPECT_TRUE(IsEqualGUID(IID_IPersistStream, iid));
+  EXPECT_HR(E_NOTIMPL, PropertyBag_GetSizeMax(bag.get(), &cb));
+  EXPECT_EQ(0u, cb);
+}
+
+TYPED_TEST(PropertyBagTest, AnswersFourFacesTracesEveryLookupAndNeverSaves) {
+  ComRef<IPropertyBagEdit> bag(this->Make());
+  ComRef<IUnknown> identity, face, same;
+  ComRef<ISupportErrorInfo> support;
+  bag->QueryInterface(IID_IUnknown, Out(identity));
+  bag->QueryInterface(IID_ISupportErrorInfo, Out(support));
+  xktest::DebugOutputCapture capture;
+  for (const IID* iid : {&IID_IUnknown, &IID_IPropertyBag, &IID_IPropertyBagEdit,
+                         &IID_ISupportErrorInfo, &IID_IPersistStream}) {
+    EXPECT_HR(S_OK, bag->QueryInterface(*iid, Out(face)));
+    face->QueryInterface(IID_IUnknown, Out(same));
+    EXPECT_EQ(identity.get(), same.get());
+    EXPECT_HR(S_OK, support->InterfaceSupportsErrorInfo(*iid));
+  }
+  for (const IID* iid : {&IID_IPersist, &IID_IPersistStreamInit, &IID_IMarshal}) {
+    void* none = &capture;
+    EXPECT_HR(E_NOINTERFACE, bag->QueryInterface(*iid, &none));
+    EXPECT_EQ(nullptr, none);
+    EXPECT_HR(S_FALSE, support->InterfaceSupportsErrorInfo(*iid));
+  }
+  const std::string traces = capture.Text();
+  size_t lines = 0;
+  for (size_t at = traces.find("IID: "); at != std::string::npos; at = traces.find("IID: ", at + 1))
+    ++lines;
+  EXPECT_EQ(5 * 3 + 3 * 2, lines) << traces;
+
+  ComRef<IPersistStream> persist;
+  bag->QueryInterface(IID_IPersistStream, Out(persist));
+  CLSID clsid;
+  EXPECT_HR(S_OK, persist->GetClassID(&clsid));
+  EXPECT_TRUE(IsEqualCLSID(*TypeParam::clsid, clsid));
+  ComRef<IStream> stream(xktest::NewMemoryStream());
+  EXPECT_HR(E_NOTIMPL, persist->Save(stream.get(), TRUE));
+  EXPECT_HR(E_NOTIMPL, PropertyBag_SaveToStream(stream.get(), bag.get()));
+  EXPECT_EQ(16u, xktest::ContentOf(stream.get()).size()) << "only the class id reaches the stream";
+}
+
+// A bag's persisted form: a 16-byte header (version, count), then records.
+Bytes BagData(BYTE version, ULONG count, const Bytes& records) {
+  Bytes header(16, 0);
+  header[0] = version;
+  const Bytes n = xktest::LittleEndian32(count);
+  std::copy(n.begin(), n.end(), header.begin() + 4);
+  return xktest::Concat(header, records);
+}
+const Bytes kRecordB7 = {4, 0, 0, 0, 'b', 0, 0, 0, VT_I4, 0, 0, 0, 0, 0,
+                         0, 0, 7, 0, 0,   0, 0, 0, 0,     0, 0, 0, 0, 0};
+
+TYPED_TEST(PropertyBagTest, LoadAddsToTheEntriesAndStopsAtTheFirstBadRecord) {
+  struct Row {
+    Bytes data;
+    HRESULT expected;
+    LONG count;  // entries afterwards; "a" is there beforehand
+  } rows[] = {
+      {BagData(1, 1, kRecordB7), S_OK, 2},
+      {BagData(1, 0, {}), S_OK, 1},
+      {Bytes(15, 1), E_FAIL, 1},
+      {BagData(0, 1, kRecordB7), CONVERT10_E_OLESTREAM_FMT, 1},
+      {BagData(2, 1, kRecordB7), CONVERT10_E_OLESTREAM_FMT, 1},
+      {BagData(1, 0x7FFFFFFF, kRecordB7), kInvalid, 2},
+      {BagData(1, 2, Bytes{5, 0, 0, 0}), kInvalid, 1},
+      {BagData(1, 1, Bytes{0xF0, 0xFF, 0xFF, 0x7F}), kInvalid, 1},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    ComRef<IPropertyBagEdit> bag(this->Make());
+    VARIANT v = I4(1);
+    bag->Add(const_cast<LPWSTR>(L"a"), &v);
+    ComRef<IPersistStream> persist;
+    bag->QueryInterface(IID_IPersistStream, Out(persist));
+    ComRef<IStream> stream(xktest::NewMemoryStream(row.data));
+    SetErrorInfo(0, nullptr);
+    EXPECT_HR(row.expected, persist->Load(stream.get()));
+    if (row.expected == CONVERT10_E_OLESTREAM_FMT)
+      EXPECT_EQ(kSource +
+                    L"_PropData bag could not be loaded from the stream. Header information "
+                    L"invalid",
+                TakeWarning());
+    EXPECT_HR(E_POINTER, persist->Load(nullptr));
+    LONG count = 0;
+    bag->Count(&count);
+    EXPECT_EQ(row.count, count);
+  }
+}
+
+IStream* ObjectRecord(REFCLSID clsid, const Bytes& data) {
+  Bytes id(16);
+  memcpy(id.data(), &clsid, 16);
+  return xktest::NewMemoryStream(xktest::Concat(id, data));
+}
+
+TEST_F(BagFixture, WholeBagsLoadAndSaveAsObjectRecords) {
+  RegisterClasses();
+  ComRef<IPropertyBag> bag;
+  ComRef<IPropertyBagEdit> edit;
+  LONG count = -1;
+  ASSERT_HR(S_OK, PropertyBag_LoadFromStream(nullptr, bag.put()));
+  bag->QueryInterface(IID_IPropertyBagEdit, Out(edit));
+  EXPECT_HR(S_OK, edit->Count(&count));
+  EXPECT_EQ(0, count);
+  EXPECT_HR(E_POINTER, PropertyBag_LoadFromStream(nullptr, nullptr));
+
+  ComRef<IStream> stream(xktest::NewMemoryStream());
+  EXPECT_HR(S_OK, PropertyBag_SaveToStream(stream.get(), nullptr));
+  EXPECT_HR(S_OK, PropertyBag_SaveToStreamAndRelease(stream.get(), nullptr));
+  EXPECT_EQ(Bytes(32, 0), xktest::ContentOf(stream.get()));
+
+  *stream.put() = ObjectRecord(CLSID_QvPropertyBag_ST, BagData(1, 1, kRecordB7));
+  ASSERT_HR(S_OK, PropertyBag_LoadFromStream(stream.get(), bag.put()));
+  VARIANT b;
+  VariantInit(&b);
+  EXPECT_HR(S_OK, bag->Read(L"b", &b, nullptr));
+  EXPECT_EQ(7, V_I4(&b));
+  xktest::SeekTo(stream.get(), 0);
+  EXPECT_HR(TYPE_E_INVALIDID, PropertyBag_InitFromStream(stream.get(), edit.get()));
+
+  *stream.put() = ObjectRecord(CLSID_QvPropertyBag, BagData(1, 3, kRecordB7));
+  EXPECT_HR(kInvalid, PropertyBag_LoadFromStream(stream.get(), bag.put()));
+  EXPECT_EQ(nullptr, bag.get()) << "a failed load hands out nothing and leaks nothing";
+  xktest::SeekTo(stream.get(), 0);
+  EXPECT_HR(kInvalid, PropertyBag_InitFromStream(stream.get(), edit.get()));
+  edit->Count(&count);
+  EXPECT_EQ(1, count) << "records before the bad one stay";
+}
+
+TEST_F(BagFixture, TheFreeThreadedBagKeepsExactCountsUnderSeveralThreads) {
+  RegisterClasses();
+  ComRef<IPropertyBagEdit> bag(NewBag(CLSID_QvPropertyBag));
+  constexpr int kThreads = 4, kNames = 50;
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t] {
+      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+      VARIANT v = I4(t), read;
+      for (int i = 0; i < kNames; ++i) {
+        std::wstring name = std::to_wstring(t) + L"." + std::to_wstring(i);
+        ComRef<IEnumString> names;
+        failures += bag->Add(name.data(), &v) != S_OK;
+        failures += bag->Item(name.data(), &read) != S_OK || V_I4(&read) != t;
+        failures += i % 2 && bag->Remove(name.data()) != S_OK;
+        failures += i % 10 == 0 && bag->_NewEnum(names.put()) != S_OK;
+      }
+      CoUninitialize();
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(0, failures.load());
+  LONG count = 0;
+  bag->Count(&count);
+  EXPECT_EQ(kThreads * kNames / 2, count);
+}
+
+}  // namespace
