@@ -68,13 +68,6 @@ std::vector<std::string> DebugOutputCapture::Lines() const {
   return m_lines;
 }
 
-std::vector<std::string> DebugOutputCapture::LinesStartingWith(const std::string& prefix) const {
-  std::vector<std::string> matching;
-  for (const std::string& line : Lines())
-    if (line.compare(0, prefix.size(), prefix) == 0) matching.push_back(line);
-  return matching;
-}
-
 std::string DebugOutputCapture::Text() const {
   std::string all;
   for (const std::string& line : Lines()) all += line;

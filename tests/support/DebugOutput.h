@@ -34,8 +34,6 @@ class DebugOutputCapture {
   DebugOutputCapture& operator=(const DebugOutputCapture&) = delete;
 
   std::vector<std::string> Lines() const;
-  // The lines that start with prefix (for example the library's own module name).
-  std::vector<std::string> LinesStartingWith(const std::string& prefix) const;
   // All output run together, for multi-call lines such as the QueryInterface trace.
   std::string Text() const;
   std::vector<AssertionReport> Assertions() const;
