@@ -1,15 +1,15 @@
 // Shared by the store and stream tests: a fixture that fails any test leaving a
-// task-allocator block behind, byte helpers, a caller-supplied IAllocator
-// written as a plain function table, and the store kinds the typed contracts
-// run over (each of the library's kinds in both forms, and the platform's own).
+// task-allocator block behind, byte helpers, a caller's IAllocator written as a
+// plain function table, and the store kinds the typed contracts run over.
 #pragma once
 
 #include <gmock/gmock.h>
-#include <windows.h>
 #include <objbase.h>
+#include <windows.h>
 #include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Stores.h>
 
+#include <algorithm>
 #include <cstring>
 #include <type_traits>
 #include <vector>
@@ -23,9 +23,8 @@ constexpr ULONG kSentinel = 0xDEADBEEF;
 constexpr ULONGLONG k4GiB = 0x100000000ull;
 using Bytes = std::vector<BYTE>;
 
-// Offsets and sizes as the interfaces take them.
-inline ULARGE_INTEGER U(ULONGLONG value) { ULARGE_INTEGER u; u.QuadPart = value; return u; }
-inline LARGE_INTEGER L(LONGLONG value) { LARGE_INTEGER l; l.QuadPart = value; return l; }
+inline ULARGE_INTEGER U(ULONGLONG v) { return ULARGE_INTEGER{{ULONG(v), ULONG(v >> 32)}}; }
+inline LARGE_INTEGER L(LONGLONG v) { return LARGE_INTEGER{{ULONG(v), LONG(v >> 32)}}; }
 
 // n bytes that differ from their neighbours and from other seeds.
 inline Bytes Pattern(size_t n, BYTE seed = 1) {
@@ -34,14 +33,12 @@ inline Bytes Pattern(size_t n, BYTE seed = 1) {
   return bytes;
 }
 
-// Every test ends with no task-allocator block of its own still out.
 class LeakCheckedTest : public ::testing::Test {
  protected:
   void TearDown() override { EXPECT_EQ(0, m_spy.Outstanding()) << "task-allocator blocks leaked"; }
   xktest::MallocSpy m_spy;
 };
 
-// The size a store or stream reports through Stat(STATFLAG_NONAME).
 template <class T>
 ULONGLONG StatSize(T* object) {
   STATSTG stat = {};
@@ -52,156 +49,120 @@ ULONGLONG StatSize(T* object) {
 // What IThreadingInfo answers, or kSentinel when the object has none.
 inline DWORD ThreadingModelOf(IUnknown* object) {
   IThreadingInfo* info = nullptr;
-  if (FAILED(object->QueryInterface(IID_IThreadingInfo, reinterpret_cast<void**>(&info)))) return kSentinel;
   DWORD model = kSentinel;
+  if (FAILED(object->QueryInterface(IID_IThreadingInfo, reinterpret_cast<void**>(&info))))
+    return model;
+  EXPECT_HR(E_POINTER, info->GetThreadingModel(nullptr));
   EXPECT_HR(S_OK, info->GetThreadingModel(&model));
-  info->Release();
-  return model;
+  return info->Release(), model;
 }
 
 inline Bytes ReadAll(ILockBytes* lb, ULONG cb, ULONGLONG offset = 0) {
   Bytes bytes(cb);
-  ULONG read = kSentinel;
+  ULONG read = 0;
   EXPECT_HR(S_OK, lb->ReadAt(U(offset), bytes.data(), cb, &read));
-  bytes.resize(read == kSentinel ? 0 : read);
-  return bytes;
+  return bytes.resize(read), bytes;
 }
 
 inline HRESULT WriteBytes(ILockBytes* lb, ULONGLONG offset, const Bytes& bytes) {
   ULONG written = kSentinel;
-  const HRESULT hr = lb->WriteAt(U(offset), bytes.data(), static_cast<ULONG>(bytes.size()), &written);
+  const HRESULT hr = lb->WriteAt(U(offset), bytes.data(), ULONG(bytes.size()), &written);
   EXPECT_EQ(SUCCEEDED(hr) ? bytes.size() : 0u, written);
   return hr;
 }
 
-// A caller's IAllocator as a C client would write it: a struct whose first
-// member points at a table of seven functions. It allocates from the process
-// heap, fills new and grown bytes with 0xCD so a test can see they were not
-// cleared, and can be told to refuse sizes above a limit.
+// A caller's IAllocator as a C client writes it, on the process heap. New and
+// grown bytes are 0xCD, so a test sees they were not cleared; sizes above
+// refuseAbove are refused.
 struct TestAllocator {
   IAllocator itf{&kTable};
-  LONG refs = 1;
-  LONG blocks = 0;                  // handed out, not yet freed
-  ULONG refuseAbove = 0xFFFFFFFF;   // allocations and resizes above this size fail
-  std::vector<ULONG> sizes;         // every size asked for, by Alloc and Realloc
+  LONG refs = 1, blocks = 0;
+  ULONG refuseAbove = 0xFFFFFFFF;
+  std::vector<ULONG> sizes;  // every size asked for, by Alloc and Realloc
 
   ULONG_PTR Source() { return reinterpret_cast<ULONG_PTR>(&itf); }
-  static TestAllocator* From(IAllocator* p) { return reinterpret_cast<TestAllocator*>(p); }
-
-  static ULONG STDMETHODCALLTYPE AddRef(IAllocator* p) { return ++From(p)->refs; }
-  static ULONG STDMETHODCALLTYPE Release(IAllocator* p) { return --From(p)->refs; }
+  static TestAllocator& Of(IAllocator* p) { return *reinterpret_cast<TestAllocator*>(p); }
+  static ULONG STDMETHODCALLTYPE AddRef(IAllocator* p) { return ++Of(p).refs; }
+  static ULONG STDMETHODCALLTYPE Release(IAllocator* p) { return --Of(p).refs; }
   static void* STDMETHODCALLTYPE Alloc(IAllocator* p, ULONG cb) { return Realloc(p, NULL, cb); }
   static void* STDMETHODCALLTYPE Realloc(IAllocator* p, void* pv, ULONG cb) {
-    TestAllocator* self = From(p);
-    self->sizes.push_back(cb);
+    Of(p).sizes.push_back(cb);
     if (pv && cb == 0) return Free(p, pv), nullptr;
-    if (cb > self->refuseAbove) return NULL;
-    const SIZE_T old = pv ? HeapSize(GetProcessHeap(), 0, pv) : 0;
-    BYTE* block = static_cast<BYTE*>(pv ? HeapReAlloc(GetProcessHeap(), 0, pv, cb)
-                                        : HeapAlloc(GetProcessHeap(), 0, cb));
-    if (!block) return NULL;
-    if (cb > old) std::memset(block + old, 0xCD, cb - old);
-    if (!pv) ++self->blocks;
-    return block;
+    const SIZE_T old = pv ? GetSize(p, pv) : 0;
+    void* block = cb > Of(p).refuseAbove ? nullptr
+                  : pv                   ? HeapReAlloc(GetProcessHeap(), 0, pv, cb)
+                                         : HeapAlloc(GetProcessHeap(), 0, cb);
+    if (block && cb > old) std::memset(static_cast<BYTE*>(block) + old, 0xCD, cb - old);
+    return Of(p).blocks += block && !pv, block;
   }
   static void STDMETHODCALLTYPE Free(IAllocator* p, void* pv) {
-    if (pv && HeapFree(GetProcessHeap(), 0, pv)) --From(p)->blocks;
+    Of(p).blocks -= pv && HeapFree(GetProcessHeap(), 0, pv);
   }
   static ULONG STDMETHODCALLTYPE GetSize(IAllocator*, void* pv) {
-    return pv ? static_cast<ULONG>(HeapSize(GetProcessHeap(), 0, pv)) : 0xFFFFFFFF;
+    return pv ? ULONG(HeapSize(GetProcessHeap(), 0, pv)) : 0xFFFFFFFF;
   }
   static void STDMETHODCALLTYPE HeapMinimise(IAllocator*) {}
-
-  static constexpr IAllocatorVtbl kTable = {&AddRef, &Release, &Alloc, &Realloc, &Free, &GetSize, &HeapMinimise};
+  static constexpr IAllocatorVtbl kTable = {&AddRef, &Release, &Alloc,       &Realloc,
+                                            &Free,   &GetSize, &HeapMinimise};
 };
-
-// ---- store kinds for the typed contracts ----
-//
-// Each kind makes a store, or a stream over one, of at least `capacity`
-// addressable bytes that starts empty (growable kinds) or at its full size
-// (fixed kinds, whose memory is the caller's: Contents() shows all of it).
 
 // The library's factories for stores and streams take the same arguments.
-template <class Out>
-HRESULT CreateOnMemory(void* pv, ULONG si, DWORD flags, ULONG_PTR allocSource, Out** out) {
-  if constexpr (std::is_same_v<Out, IStream>)
-    return CreateStreamOnMemory(pv, si, flags, allocSource, out);
-  else
-    return CreateLockBytesOnMemory(pv, si, flags, allocSource, out);
+inline HRESULT CreateOnMemory(void* pv, ULONG si, DWORD flags, ULONG_PTR source, ILockBytes** out) {
+  return CreateLockBytesOnMemory(pv, si, flags, source, out);
+}
+inline HRESULT CreateOnMemory(void* pv, ULONG si, DWORD flags, ULONG_PTR source, IStream** out) {
+  return CreateStreamOnMemory(pv, si, flags, source, out);
 }
 
-template <DWORD Kind, bool Growable = true>
-struct KindBase {
-  static constexpr DWORD kKind = Kind;
-  static constexpr bool kGrowable = Growable, kPlatform = false;
-};
-template <DWORD Kind>
-struct GrowableKind : KindBase<Kind> {
-  template <class Out>
-  HRESULT MakeWith(DWORD flags, ULONG, Out** out) { return CreateOnMemory(nullptr, 0, flags, 0, out); }
-};
-using TaskKind = GrowableKind<QVCLBOMF_TASKALLOCATOR>;
-using HeapKind = GrowableKind<QVCLBOMF_PRIVATEHEAP>;
-struct CallerAllocatorKind : KindBase<QVCLBOMF_ALLOCATOR> {
+// One kind of store (Kind 0: the platform's on global memory) in one form. Make
+// gives a store, or a stream over one, of `capacity` addressable bytes: empty
+// when growable, all of the caller's memory when fixed (Contents() shows it).
+// Block lists get blocks of 1, 2, 3, ... bytes, so transfers cross boundaries.
+template <DWORD Kind, DWORD Form = 0>
+struct Store {
+  static constexpr bool kPlatform = Kind == 0,
+                        kGrowable = Kind != QVCLBOMF_FIXEDBLOCK && Kind != QVCLBOMF_BLOCKLIST;
+  static constexpr DWORD kThreadingModel = (Form & QVCLBOMF_NOLOCK) ? 0 : 3;
   TestAllocator allocator;
-  template <class Out>
-  HRESULT MakeWith(DWORD flags, ULONG, Out** out) {
-    return CreateOnMemory(nullptr, 0, flags, allocator.Source(), out);
-  }
-  ~CallerAllocatorKind() {
-    EXPECT_EQ(1, allocator.refs) << "the store must give back its reference";
-    EXPECT_EQ(0, allocator.blocks) << "the store must free its buffer";
-  }
-};
-struct FixedKind : KindBase<QVCLBOMF_FIXEDBLOCK, false> {
-  Bytes buffer;
-  Bytes Contents() const { return buffer; }
-  template <class Out>
-  HRESULT MakeWith(DWORD flags, ULONG capacity, Out** out) {
-    buffer.assign(capacity, 0);
-    return CreateOnMemory(buffer.data(), capacity, flags, 0, out);
-  }
-};
-// Blocks of 1, 2, 3, ... bytes, so most transfers cross several boundaries.
-struct BlockListKind : KindBase<QVCLBOMF_BLOCKLIST, false> {
   std::vector<Bytes> blocks;
   std::vector<LOCKBYTESBLOCK> table;
+
+  template <class Out>
+  HRESULT Make(ULONG capacity, Out** out) {
+    if constexpr (kPlatform) return CreatePlatform(out);
+    blocks.clear();
+    table.clear();
+    if (Kind == QVCLBOMF_FIXEDBLOCK) blocks.emplace_back(capacity, 0);
+    for (ULONG cb = 1, total = 0; Kind == QVCLBOMF_BLOCKLIST && total < capacity; total += cb++)
+      blocks.emplace_back(std::min(cb, capacity - total), 0);
+    for (auto& block : blocks) table.push_back({ULONG(block.size()), block.data()});
+    void* pv = table.empty()                 ? nullptr
+               : Kind == QVCLBOMF_FIXEDBLOCK ? table[0].pv
+                                             : static_cast<void*>(table.data());
+    const ULONG_PTR source = Kind == QVCLBOMF_ALLOCATOR ? allocator.Source() : 0;
+    return CreateOnMemory(pv, kGrowable ? 0 : capacity, Kind | Form, source, out);
+  }
+  static HRESULT CreatePlatform(ILockBytes** out) {
+    return CreateILockBytesOnHGlobal(NULL, 1, out);
+  }
+  static HRESULT CreatePlatform(IStream** out) { return CreateStreamOnHGlobal(NULL, TRUE, out); }
   Bytes Contents() const {
     Bytes all;
     for (const Bytes& block : blocks) all.insert(all.end(), block.begin(), block.end());
     return all;
   }
-  template <class Out>
-  HRESULT MakeWith(DWORD flags, ULONG capacity, Out** out) {
-    for (ULONG cb = 1, total = 0; total < capacity; total += cb++) blocks.emplace_back(cb, 0);
-    for (auto& block : blocks) table.push_back({static_cast<ULONG>(block.size()), block.data()});
-    return CreateOnMemory(table.data(), capacity, flags, 0, out);
+  ~Store() {
+    EXPECT_EQ(1, allocator.refs) << "the store must give back its reference";
+    EXPECT_EQ(0, allocator.blocks) << "the store must free its buffer";
   }
 };
-// The platform's store and stream on global memory, run against the same contract.
-struct PlatformKind {
-  static constexpr DWORD kKind = 0;
-  static constexpr bool kGrowable = true, kPlatform = true;
-  HRESULT MakeWith(DWORD, ULONG, ILockBytes** out) { return CreateILockBytesOnHGlobal(NULL, TRUE, out); }
-  HRESULT MakeWith(DWORD, ULONG, IStream** out) { return CreateStreamOnHGlobal(NULL, TRUE, out); }
-};
 
-template <class Kind, DWORD Form>
-struct StoreOf : Kind {
-  static constexpr DWORD kFlags = Kind::kKind | Form;
-  static constexpr DWORD kThreadingModel = (Form & QVCLBOMF_NOLOCK) ? 0 : 3;
-  template <class Out>
-  HRESULT Make(ULONG capacity, Out** out) { return this->MakeWith(kFlags, capacity, out); }
-};
-template <class Kind>
-using Locked = StoreOf<Kind, 0>;
-template <class Kind>
-using Unlocked = StoreOf<Kind, QVCLBOMF_NOLOCK>;
-
-// Every kind in both forms, and the platform's.
-using AllKinds = ::testing::Types<
-    Locked<TaskKind>, Unlocked<TaskKind>, Locked<HeapKind>, Unlocked<HeapKind>,
-    Locked<CallerAllocatorKind>, Unlocked<CallerAllocatorKind>, Locked<FixedKind>,
-    Unlocked<FixedKind>, Locked<BlockListKind>, Unlocked<BlockListKind>, StoreOf<PlatformKind, 0>>;
+constexpr DWORD kNoLock = QVCLBOMF_NOLOCK;
+using AllKinds =
+    ::testing::Types<Store<QVCLBOMF_TASKALLOCATOR>, Store<QVCLBOMF_TASKALLOCATOR, kNoLock>,
+                     Store<QVCLBOMF_PRIVATEHEAP>, Store<QVCLBOMF_PRIVATEHEAP, kNoLock>,
+                     Store<QVCLBOMF_ALLOCATOR>, Store<QVCLBOMF_ALLOCATOR, kNoLock>,
+                     Store<QVCLBOMF_FIXEDBLOCK>, Store<QVCLBOMF_FIXEDBLOCK, kNoLock>,
+                     Store<QVCLBOMF_BLOCKLIST>, Store<QVCLBOMF_BLOCKLIST, kNoLock>, Store<0>>;
 
 }  // namespace storetest
