@@ -5,8 +5,8 @@
 
 #include <string>
 
+#include "ComTest.h"
 #include "HResult.h"
-#include "MallocSpy.h"
 
 namespace {
 
@@ -19,15 +19,7 @@ std::wstring Text(BSTR text) {
   return copy;
 }
 
-class ErrorInfoTest : public ::testing::Test {
- protected:
-  void SetUp() override { CoInitialize(nullptr); }
-  void TearDown() override {
-    EXPECT_EQ(0, spy.Outstanding());
-    CoUninitialize();
-  }
-  xktest::MallocSpy spy;
-};
+using ErrorInfoTest = xktest::ComTest<>;
 
 // "description|source|help file|context|whether the identifier is kIid"
 std::wstring TakeThreadError() {

@@ -3,7 +3,7 @@
 #include <xkcombsd/Persist.h>
 
 #include "HResult.h"
-#include "MallocSpy.h"
+#include "ComTest.h"
 #include "TestStreams.h"
 
 namespace {
@@ -20,15 +20,7 @@ Bytes VariantI4(unsigned char value) {
   return record;
 }
 
-class PropertyRecordsTest : public ::testing::Test {
-protected:
-  void SetUp() override { CoInitialize(nullptr); }
-  void TearDown() override {
-    EXPECT_EQ(0, spy.Outstanding());
-    CoUninitialize();
-  }
-  xktest::MallocSpy spy;
-};
+using PropertyRecordsTest = xktest::ComTest<>;
 
 TEST_F(PropertyRecordsTest, NamesArePaddedToFourBytesAndLoadBack) {
   VARIANT i4 = {};  // the record carries all 8 value bytes
@@ -48,8 +40,7 @@ TEST_F(PropertyRecordsTest, NamesArePaddedToFourBytesAndLoadBack) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(row.name)));
     ComRef<IStream> stream(xktest::NewMemoryStream());
     ASSERT_HR(S_OK, Property_SaveToStream(stream.get(), row.name, row.value));
-    const Bytes expected =
-        xktest::Concat(row.record, row.value ? VariantI4(42) : kEmptyVariant);
+    const Bytes expected = xktest::Concat(row.record, row.value ? VariantI4(42) : kEmptyVariant);
     EXPECT_EQ(expected, xktest::ContentOf(stream.get()));
 
     xktest::SeekTo(stream.get(), 0);
@@ -86,8 +77,7 @@ TEST_F(PropertyRecordsTest, RefusedArgumentsWriteNothing) {
 }
 
 TEST_F(PropertyRecordsTest, AFailedWritePutsThePositionBack) {
-  for (int n = 1; n <= 4;
-       ++n) { // the length, the name, the padding, the VARIANT record
+  for (int n = 1; n <= 4; ++n) {  // the length, the name, the padding, the VARIANT record
     SCOPED_TRACE(n);
     xktest::FaultyStream stream;
     stream.FailNth(xktest::FaultyStream::kWrite, n, STG_E_MEDIUMFULL);
@@ -99,23 +89,19 @@ TEST_F(PropertyRecordsTest, AFailedWritePutsThePositionBack) {
 // A hostile length never reads past the stream or reserves what the stream
 // cannot back; the position goes back, and a name block already handed out is
 // the caller's to free.
-TEST_F(PropertyRecordsTest,
-       HostileNameLengthsFailPromptlyAndPutThePositionBack) {
+TEST_F(PropertyRecordsTest, HostileNameLengthsFailPromptlyAndPutThePositionBack) {
   const HRESULT kInvalid = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
   struct Row {
     const char *what;
     Bytes record;
     HRESULT expected;
   } rows[] = {
-      {"length 0", xktest::Concat(xktest::LittleEndian32(0), kEmptyVariant),
-       kInvalid},
-      {"odd length", xktest::Concat(xktest::LittleEndian32(5), Bytes(21, 0)),
-       kInvalid},
-      {"length past the stream",
-       xktest::Concat(xktest::LittleEndian32(0x7FFFFFF0), Bytes(8, 'x')),
+      {"length 0", xktest::Concat(xktest::LittleEndian32(0), kEmptyVariant), kInvalid},
+      {"odd length", xktest::Concat(xktest::LittleEndian32(5), Bytes(21, 0)), kInvalid},
+      {"length past the stream", xktest::Concat(xktest::LittleEndian32(0x7FFFFFF0), Bytes(8, 'x')),
        kInvalid},
       {"length 0xFFFFFFFE", xktest::LittleEndian32(0xFFFFFFFE), kInvalid},
-      {"cut length", Bytes{1, 0}, kInvalid}, // short reads give zeros: length 1
+      {"cut length", Bytes{1, 0}, kInvalid},  // short reads give zeros: length 1
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.what);
@@ -123,12 +109,11 @@ TEST_F(PropertyRecordsTest,
     LPOLESTR name = nullptr;
     VARIANT value;
     VariantInit(&value);
-    EXPECT_HR(row.expected,
-              Property_LoadFromStream(stream.get(), &name, &value));
+    EXPECT_HR(row.expected, Property_LoadFromStream(stream.get(), &name, &value));
     EXPECT_EQ(0u, xktest::PositionOf(stream.get()));
     EXPECT_EQ(VT_EMPTY, V_VT(&value));
     CoTaskMemFree(name);
   }
 }
 
-} // namespace
+}  // namespace

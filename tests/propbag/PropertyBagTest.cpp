@@ -11,9 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include "ComTest.h"
 #include "DebugOutput.h"
 #include "HResult.h"
-#include "MallocSpy.h"
 #include "TestStreams.h"
 
 namespace {
@@ -62,14 +62,12 @@ IPropertyBagEdit* NewBag(REFCLSID clsid) {
   return bag;
 }
 
-class BagFixture : public ::testing::Test {
+class BagFixture : public xktest::ComTest<COINIT_MULTITHREADED> {
  protected:
-  void SetUp() override { CoInitializeEx(nullptr, COINIT_MULTITHREADED); }
   void TearDown() override {
     for (DWORD cookie : cookies) CoRevokeClassObject(cookie);
     EXPECT_HR(S_OK, DllCanUnloadNow());
-    EXPECT_EQ(0, spy.Outstanding());
-    CoUninitialize();
+    ComTest::TearDown();
   }
   // So that CoCreateInstance (of _NewEnum and the whole-bag loader) finds
   // the classes without the registry.
@@ -83,7 +81,6 @@ class BagFixture : public ::testing::Test {
     }
   }
 
-  xktest::MallocSpy spy;
   std::vector<DWORD> cookies;
 };
 
