@@ -43,13 +43,37 @@ TYPED_TEST_SUITE(RegistryHelpers, Widths);
 
 }  // namespace
 
-TYPED_TEST(RegistryHelpers, DeletingATreeRemovesTheInnermostKeysFirstAndTheNamedKeyLast) {
-  for (const char* key : {"Tree\\Middle\\Inner", "Tree\\Middle\\Inner2", "Tree\\Side"})
-    xktest::WriteString(kUser, Path(key), nullptr, key);
-  RecordingApi<TypeParam>::deleted.clear();
+TYPED_TEST(RegistryHelpers, WhatIsSetReadsBackAndTheTreeGoesInnermostKeysFirstNamedKeyLast) {
+  using Api = TypeParam;
+  const auto inner = this->T(Path("Tree\\Middle\\Inner")), name = this->T("Name");
+  HKEY key = kBogusKey;
+  DWORD disposition = 0xDEADBEEF, cch = 16;
   EXPECT_EQ(ERROR_SUCCESS,
-            reg::DeleteKeyTree<RecordingApi<TypeParam>>(kUser, this->T(Path("Tree")).c_str()));
-  EXPECT_THAT(RecordingApi<TypeParam>::deleted,
+            reg::SetStringValue<Api>(nullptr, inner.c_str(), name.c_str(), this->T("abc").c_str(),
+                                     KEY_ALL_ACCESS, nullptr, &key, &disposition))
+      << "a NULL root means HKEY_CURRENT_USER";
+  EXPECT_EQ(static_cast<DWORD>(REG_CREATED_NEW_KEY), disposition);
+  EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+  xktest::ExpectRegistry(kUser, {{Path("Tree\\Middle\\Inner"), "Name", "abc"}});
+  typename Api::Char text[16];
+  key = kBogusKey;
+  EXPECT_EQ(ERROR_SUCCESS, reg::QueryStringValue<Api>(kUser, inner.c_str(), name.c_str(), text,
+                                                      &cch, KEY_QUERY_VALUE, &key));
+  EXPECT_EQ(4u, cch);
+  EXPECT_EQ(this->T("abc"), text);
+  EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+  cch = 2;
+  EXPECT_EQ(ERROR_MORE_DATA, reg::QueryStringValue<Api>(kUser, inner.c_str(), name.c_str(), text,
+                                                        &cch, KEY_QUERY_VALUE, &key));
+  EXPECT_EQ(4u, cch) << "the size needed, in characters";
+  EXPECT_EQ(nullptr, key) << "a failed read hands out no key";
+
+  for (const char* other : {"Tree\\Middle\\Inner2", "Tree\\Side"})
+    xktest::WriteString(kUser, Path(other), nullptr, other);
+  RecordingApi<Api>::deleted.clear();
+  EXPECT_EQ(ERROR_SUCCESS,
+            reg::DeleteKeyTree<RecordingApi<Api>>(kUser, this->T(Path("Tree")).c_str()));
+  EXPECT_THAT(RecordingApi<Api>::deleted,
               ElementsAre("Inner", "Inner2", "Middle", "Side", Path("Tree")));
   EXPECT_FALSE(xktest::KeyExists(kUser, Path("Tree")));
   EXPECT_TRUE(xktest::KeyExists(kUser, kBase));
@@ -102,55 +126,4 @@ TYPED_TEST(RegistryHelpers, PathsThatNameARootAreRefusedAndAMissingKeyIsPassedOn
   }
   RegCloseKey(base);
   EXPECT_TRUE(xktest::KeyExists(kUser, Path("Kept")));
-}
-
-TYPED_TEST(RegistryHelpers, SettingCreatesTheKeyHandsItOutOnlyWhenAskedAndDeletesWithoutData) {
-  using Api = TypeParam;
-  const auto set = this->T(Path("Set")), name = this->T("Name"), wide = this->T("Wide");
-  HKEY key = kBogusKey;
-  DWORD disposition = 0xDEADBEEF;
-  EXPECT_EQ(ERROR_SUCCESS,
-            reg::SetStringValue<Api>(nullptr, set.c_str(), name.c_str(), this->T("text").c_str(),
-                                     KEY_ALL_ACCESS, nullptr, &key, &disposition))
-      << "a NULL root means HKEY_CURRENT_USER";
-  EXPECT_EQ(static_cast<DWORD>(REG_CREATED_NEW_KEY), disposition);
-  ASSERT_NE(nullptr, key);
-  EXPECT_EQ(ERROR_SUCCESS,
-            reg::SetStringValue<Api>(key, nullptr, wide.c_str(), this->T("wide text").c_str(),
-                                     KEY_SET_VALUE, nullptr, nullptr, nullptr))
-      << "no sub-key: the root itself";
-  RegCloseKey(key);
-  xktest::ExpectRegistry(kUser,
-                         {{Path("Set"), "Name", "text"}, {Path("Set"), "Wide", "wide text"}});
-
-  EXPECT_EQ(ERROR_SUCCESS, reg::SetStringValue<Api>(kUser, set.c_str(), name.c_str(), nullptr,
-                                                    KEY_SET_VALUE, nullptr, nullptr, &disposition));
-  EXPECT_EQ(static_cast<DWORD>(REG_OPENED_EXISTING_KEY), disposition);
-  xktest::ExpectRegistry(kUser, {{Path("Set"), "Name", {}}});
-}
-
-TYPED_TEST(RegistryHelpers, QueryingHandsOutTheOpenedKeyOnlyAfterASuccessfulRead) {
-  using Api = TypeParam;
-  xktest::WriteString(kUser, Path("Query"), "Name", "abc");
-  const auto query = this->T(Path("Query")), name = this->T("Name");
-  typename Api::Char text[16];
-  DWORD cch = 16;
-  HKEY key = kBogusKey;
-  EXPECT_EQ(ERROR_SUCCESS, reg::QueryStringValue<Api>(kUser, query.c_str(), name.c_str(), text,
-                                                      &cch, KEY_QUERY_VALUE, &key));
-  EXPECT_EQ(4u, cch);
-  EXPECT_EQ(this->T("abc"), text);
-  ASSERT_NE(nullptr, key);
-  EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
-  cch = 2;
-  EXPECT_EQ(ERROR_MORE_DATA, reg::QueryStringValue<Api>(kUser, query.c_str(), name.c_str(), text,
-                                                        &cch, KEY_QUERY_VALUE, &key));
-  EXPECT_EQ(4u, cch) << "the size needed, in characters";
-  EXPECT_EQ(nullptr, key) << "a failed read hands out no key";
-
-  DWORD type = 0, cb = 0;
-  EXPECT_EQ(ERROR_SUCCESS, reg::QueryValue<Api>(nullptr, query.c_str(), name.c_str(), &type,
-                                                nullptr, &cb, KEY_QUERY_VALUE, nullptr));
-  EXPECT_EQ(static_cast<DWORD>(REG_SZ), type);
-  EXPECT_EQ(4u * sizeof(typename Api::Char), cb);
 }

@@ -199,55 +199,48 @@ TEST_F(ClassFactoryTest, LockServerMovesDllCanUnloadNowAndTheLastUnlockAnswersUn
   }
 }
 
-TEST_F(ClassFactoryTest, CreateProxyHandsOutTheProxyAndTheInterfaceOrNeither) {
-  FakeUnknown made(IID_IRpcProxyBuffer), noProxy(IID_IStream);
-  IRpcProxyBuffer* proxy = nullptr;
-  g_handOut = &made;
-  ASSERT_HR(S_OK, m_buffer->CreateProxy(&m_outer, IID_IUnknown, &proxy, &m_object));
-  EXPECT_EQ(&m_outer, g_call.outer);
-  EXPECT_EQ(nullptr, g_call.objectCount) << "a proxy does not hold the module";
-  EXPECT_EQ(IID_IUnknown, g_call.riid);
-  EXPECT_EQ(static_cast<void*>(&made), static_cast<void*>(proxy));
-  EXPECT_EQ(static_cast<void*>(&made), m_object);
-  EXPECT_EQ(3, made.refs) << "one reference each in proxy and object; the creation one released";
-  made.refs = 1;
-  // Each failure leaves both out pointers null and no reference behind.
+TEST_F(ClassFactoryTest, CreateProxyAndCreateStubHandOutWhatWasMadeOrNothingAndHoldNoModule) {
+  FakeUnknown made(IID_IRpcProxyBuffer), wrongIid(IID_IRpcProxyBuffer), noProxy(IID_IStream);
+  FakeStub stub(S_OK), refusing(E_ACCESSDENIED), unconnected(E_ACCESSDENIED);
+  // The server is a proxy's outer unknown; the count is the made object's references after.
   const struct {
-    FakeUnknown* handOut;
-    HRESULT creation, expected;
-  } failures[] = {{&made, S_OK, E_NOINTERFACE},
-                  {&noProxy, S_OK, E_NOINTERFACE},
-                  {nullptr, E_OUTOFMEMORY, E_OUTOFMEMORY}};
-  for (const auto& f : failures) {
-    g_handOut = f.handOut, g_creationResult = f.creation;
-    proxy = static_cast<IRpcProxyBuffer*>(kSentinel), m_object = kSentinel;
-    EXPECT_HR(f.expected, m_buffer->CreateProxy(&m_outer, IID_IStream, &proxy, &m_object));
-    EXPECT_EQ(nullptr, proxy);
-    EXPECT_EQ(nullptr, m_object);
+    bool isStub;
+    IUnknown* handOut;
+    HRESULT creation;
+    IID riid;
+    IUnknown* server;
+    HRESULT expected;
+    ULONG refsAfter;
+  } rows[] = {{false, &made, S_OK, IID_IUnknown, &m_outer, S_OK, 3},
+              {false, &wrongIid, S_OK, IID_IStream, &m_outer, E_NOINTERFACE, 1},
+              {false, &noProxy, S_OK, IID_IStream, &m_outer, E_NOINTERFACE, 1},
+              {false, nullptr, E_OUTOFMEMORY, IID_IStream, &m_outer, E_OUTOFMEMORY, 0},
+              {true, &stub, S_OK, IID_IRpcStubBuffer, &m_outer, S_OK, 2},
+              {true, &refusing, S_OK, IID_IRpcStubBuffer, &m_outer, E_ACCESSDENIED, 1},
+              {true, &unconnected, S_OK, IID_IRpcStubBuffer, nullptr, S_OK, 2}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    g_handOut = row.handOut, g_creationResult = row.creation, g_call = {};
+    void* out[2] = {kSentinel, kSentinel};
+    EXPECT_HR(
+        row.expected,
+        row.isStub
+            ? m_buffer->CreateStub(row.riid, row.server, reinterpret_cast<IRpcStubBuffer**>(out))
+            : m_buffer->CreateProxy(row.server, row.riid, reinterpret_cast<IRpcProxyBuffer**>(out),
+                                    &out[1]));
+    const void* expected = row.expected == S_OK ? static_cast<void*>(row.handOut) : nullptr;
+    EXPECT_EQ(expected, out[0]);
+    if (!row.isStub) EXPECT_EQ(expected, out[1]);
+    EXPECT_EQ(row.isStub ? nullptr : row.server, g_call.outer);
+    EXPECT_EQ(nullptr, g_call.objectCount);
+    EXPECT_EQ(row.isStub ? row.riid : IID_IUnknown, g_call.riid)
+        << "a proxy is made as an inner object";
+    if (row.handOut) EXPECT_EQ(row.refsAfter, (row.handOut->AddRef(), row.handOut->Release()));
   }
-  EXPECT_THAT((std::vector<long>{made.refs, noProxy.refs, m_outer.refs}), ElementsAre(1, 1, 1));
-}
-
-TEST_F(ClassFactoryTest, CreateStubConnectsTheServerAndDropsAStubThatRefusesIt) {
-  FakeStub stub(S_OK), refusing(E_ACCESSDENIED);
-  IRpcStubBuffer* made = nullptr;
-  g_handOut = &stub;
-  ASSERT_HR(S_OK, m_buffer->CreateStub(IID_IRpcStubBuffer, &m_outer, &made));
-  EXPECT_EQ(&stub, made);
-  EXPECT_EQ(&m_outer, stub.connectedTo);
-  EXPECT_EQ(nullptr, g_call.outer);
-  EXPECT_EQ(nullptr, g_call.objectCount);
-  EXPECT_EQ(IID_IRpcStubBuffer, g_call.riid);
-  EXPECT_EQ(2, stub.refs);
-  g_handOut = &refusing;
-  made = static_cast<IRpcStubBuffer*>(kSentinel);
-  EXPECT_HR(E_ACCESSDENIED, m_buffer->CreateStub(IID_IRpcStubBuffer, &m_outer, &made));
-  EXPECT_EQ(nullptr, made);
-  EXPECT_EQ(1, refusing.refs);
-  refusing.connectedTo = nullptr;
-  EXPECT_HR(S_OK, m_buffer->CreateStub(IID_IRpcStubBuffer, nullptr, &made))
-      << "no server, no Connect";
-  EXPECT_EQ(nullptr, refusing.connectedTo);
+  EXPECT_THAT(
+      (std::vector<IUnknown*>{stub.connectedTo, refusing.connectedTo, unconnected.connectedTo}),
+      ElementsAre(&m_outer, &m_outer, nullptr));
+  EXPECT_EQ(1, m_outer.refs);
 }
 
 TEST_F(ClassFactoryTest, AClassObjectWithoutARowReportsItAndAnswersUnexpected) {

@@ -10,50 +10,31 @@
 #include "FakeUnknown.h"
 #include "HResult.h"
 
-using xktest::FakeUnknown;
+using ::testing::ElementsAre;
 
-namespace {
-
-std::string ThreadLine(const char* word) {
-  char text[96];
-  std::snprintf(text, sizeof text, "XKComBsD.dll - %s (0x%08lx)\n", word, GetCurrentThreadId());
-  return text;
-}
-
-}  // namespace
-
-TEST(DllGetVersion, CopiesTheVersionRecordOnlyForItsOwnSize) {
-  EXPECT_HR(E_POINTER, DllGetVersion(nullptr));
-  DLLVERSIONINFO info;
-  std::memset(&info, 0xAB, sizeof info);
-  info.cbSize = 24;
-  EXPECT_HR(E_INVALIDARG, DllGetVersion(&info));
-  EXPECT_EQ(24u, info.cbSize);
-  EXPECT_EQ(0xABABABABu, info.dwMajorVersion) << "a refused record must stay untouched";
-  EXPECT_EQ(0xABABABABu, info.dwPlatformID);
-  info.cbSize = 20;
-  EXPECT_HR(S_OK, DllGetVersion(&info));
-  EXPECT_EQ(20u, info.cbSize);
-  EXPECT_EQ(1u, info.dwMajorVersion);
-  EXPECT_EQ(27u, info.dwMinorVersion);
-  EXPECT_EQ(401u, info.dwBuildNumber);
-  EXPECT_EQ(static_cast<DWORD>(DLLVER_PLATFORM_WINDOWS), info.dwPlatformID);
-  // The same version in two halves; the low one only when asked.
+TEST(ModuleAnswers, VersionsAndInterfaceQuestionsLeaveARefusedRecordAndEveryCountUntouched) {
+  DLLVERSIONINFO fits, tooBig;
+  std::memset(&fits, 0xAB, sizeof fits), std::memset(&tooBig, 0xAB, sizeof tooBig);
+  fits.cbSize = 20, tooBig.cbSize = 24;
+  xktest::FakeUnknown refusing(IID_IUnknown, E_UNEXPECTED), stream(IID_IStream);
+  const HRESULT rows[][2] = {{S_OK, DllGetVersion(&fits)},
+                             {E_INVALIDARG, DllGetVersion(&tooBig)},
+                             {E_POINTER, DllGetVersion(nullptr)},
+                             {S_OK, InterfaceIsImplemented(&stream, IID_IStream)},
+                             {E_NOINTERFACE, InterfaceIsImplemented(&refusing, IID_IStream)},
+                             {E_POINTER, InterfaceIsImplemented(nullptr, IID_IUnknown)}};
+  for (const auto& row : rows) EXPECT_HR(row[0], row[1]) << "row " << &row - rows;
+  EXPECT_THAT((std::vector<DWORD>{fits.cbSize, fits.dwMajorVersion, fits.dwMinorVersion,
+                                  fits.dwBuildNumber, fits.dwPlatformID, tooBig.cbSize,
+                                  tooBig.dwMajorVersion, tooBig.dwPlatformID}),
+              ElementsAre(20u, 1u, 27u, 401u, DWORD{DLLVER_PLATFORM_WINDOWS}, 24u, 0xABABABABu,
+                          0xABABABABu));
+  EXPECT_THAT((std::vector<long>{refusing.queries, refusing.refs, stream.refs}),
+              ElementsAre(1, 1, 1));
   DWORD low = 0xDEADBEEF;
   EXPECT_EQ(0x0001001Bu, QvDllGetVersion(nullptr));
   EXPECT_EQ(0x0001001Bu, QvDllGetVersion(&low));
   EXPECT_EQ(0x00010191u, low);
-}
-
-TEST(InterfaceIsImplemented, AnswersOnlyWhetherAndReleasesWhatItObtained) {
-  EXPECT_HR(E_POINTER, InterfaceIsImplemented(nullptr, IID_IUnknown));
-  FakeUnknown refusing(IID_IUnknown, E_UNEXPECTED), stream(IID_IStream);
-  EXPECT_HR(E_NOINTERFACE, InterfaceIsImplemented(&refusing, IID_IStream))
-      << "not the callee's own code";
-  EXPECT_EQ(1, refusing.queries);
-  EXPECT_EQ(1, refusing.refs);
-  EXPECT_HR(S_OK, InterfaceIsImplemented(&stream, IID_IStream));
-  EXPECT_EQ(1, stream.refs) << "the interface obtained must be released again";
 }
 
 TEST(DllMain, ThreadReasonsTraceTheThreadAndUnknownReasonsNothingVisible) {
@@ -65,6 +46,9 @@ TEST(DllMain, ThreadReasonsTraceTheThreadAndUnknownReasonsNothingVisible) {
   EXPECT_TRUE(entry(library, DLL_THREAD_ATTACH, nullptr));
   EXPECT_TRUE(entry(library, DLL_THREAD_DETACH, reinterpret_cast<void*>(1)));
   EXPECT_TRUE(entry(library, 7, nullptr));
-  EXPECT_THAT(capture.Lines(), ::testing::ElementsAre(ThreadLine("thread attaching"),
-                                                      ThreadLine("thread detaching"), ""));
+  char line[2][96];
+  for (int i = 0; i < 2; ++i)
+    std::snprintf(line[i], sizeof line[i], "XKComBsD.dll - thread %s (0x%08lx)\n",
+                  i ? "detaching" : "attaching", GetCurrentThreadId());
+  EXPECT_THAT(capture.Lines(), ElementsAre(line[0], line[1], ""));
 }

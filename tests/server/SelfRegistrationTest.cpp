@@ -100,29 +100,21 @@ std::string ExportClassesRoot(const std::string& file) {
   return text.str();
 }
 
-// A key whose access is denied to everyone; its owner may still give the access
-// back, and does so before removing it.
-class DeniedKey {
- public:
-  explicit DeniedKey(const char* path) : m_path(path) {
-    RegCreateKeyExA(kRoot, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr);
-    InitializeAcl(&m_denyAll, sizeof(ACL), ACL_REVISION);
-    SetDacl(&m_denyAll);
+// A key whose access is denied to everyone; its owner gives it back before removing the key.
+struct DeniedKey {
+  explicit DeniedKey(const char* path) : path(path) {
+    RegCreateKeyExA(kRoot, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    InitializeAcl(&denyAll, sizeof(ACL), ACL_REVISION);
+    SetDacl(&denyAll);
   }
-  ~DeniedKey() {
-    SetDacl(nullptr);
-    RegCloseKey(m_key);
-    RegDeleteTreeA(kRoot, m_path);
-  }
-
- private:
+  ~DeniedKey() { SetDacl(nullptr), RegCloseKey(key), RegDeleteTreeA(kRoot, path); }
   void SetDacl(ACL* dacl) {
-    SetSecurityInfo(m_key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl,
+    SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl,
                     nullptr);
   }
-  const char* m_path;
-  HKEY m_key = nullptr;
-  ACL m_denyAll;
+  const char* path;
+  HKEY key = nullptr;
+  ACL denyAll;
 };
 
 class SelfRegistration : public ::testing::Test {
