@@ -11,7 +11,7 @@
 #include "frame/HandOut.h"
 #include "server/ModuleState.h"
 
-namespace xk::module {
+namespace xk::server {
 
 namespace {
 
@@ -103,4 +103,4 @@ HRESULT GetClassObject(const ClassRow* table, REFCLSID rclsid, REFIID riid, void
   return HandOut(ClassFactory::Create(row), riid, ppv);
 }
 
-}  // namespace xk::module
+}  // namespace xk::server

@@ -10,7 +10,7 @@
 
 #include "server/ClassTable.h"
 
-namespace xk::module {
+namespace xk::server {
 
 class ClassFactory final : public IClassFactory,
                            public IPSFactoryBuffer,
@@ -47,4 +47,4 @@ class ClassFactory final : public IClassFactory,
   const ClassRow* const m_pItem;  // read-only after construction
 };
 
-}  // namespace xk::module
+}  // namespace xk::server

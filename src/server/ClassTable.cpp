@@ -6,7 +6,7 @@
 #include "collections/CollectionRows.h"
 #include "propbag/PropertyBagRows.h"
 
-namespace xk::module {
+namespace xk::server {
 
 namespace {
 
@@ -29,9 +29,9 @@ constexpr ClassRow kClassTable[] = {
 
 }  // namespace
 
-}  // namespace xk::module
+}  // namespace xk::server
 
 // ---- DllGetClassObject -------------------------------------------------------
 extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
-  return xk::module::GetClassObject(xk::module::kClassTable, rclsid, riid, ppv);
+  return xk::server::GetClassObject(xk::server::kClassTable, rclsid, riid, ppv);
 }

@@ -7,7 +7,7 @@
 #include <windows.h>
 #include <ole2.h>
 
-namespace xk::module {
+namespace xk::server {
 
 // Creates one object of the row's class. With an objectCount, the new object
 // holds the module object count for its lifetime.
@@ -29,4 +29,4 @@ const ClassRow* FindClassRow(const ClassRow* table, REFCLSID rclsid);
 // rclsid, queried for riid, under the module critical section.
 HRESULT GetClassObject(const ClassRow* table, REFCLSID rclsid, REFIID riid, void** ppv);
 
-}  // namespace xk::module
+}  // namespace xk::server

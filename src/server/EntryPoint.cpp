@@ -11,7 +11,7 @@
 
 #include "frame/Diagnostics.h"
 
-namespace xk::module {
+namespace xk::server {
 
 namespace {
 
@@ -129,9 +129,9 @@ char* TraceModuleEvent(const char* moduleName, HINSTANCE hinst, DWORD reason, LP
   return g_module.path;
 }
 
-}  // namespace xk::module
+}  // namespace xk::server
 
-using namespace xk::module;
+using namespace xk::server;
 
 // ---- DllMain: process attach and detach in their fixed order -----------------
 extern "C" BOOL WINAPI DllMain(HINSTANCE hinst, DWORD reason, LPVOID reserved) {

@@ -2,7 +2,7 @@
 // the entry point so that the library's own objects can be tested without it.
 #include "server/ModuleState.h"
 
-namespace xk::module {
+namespace xk::server {
 
 ModuleState g_module;
 
@@ -11,4 +11,4 @@ HRESULT CanUnloadNow() {
   return (g_module.lockCount >= 1 || g_module.objectCount >= 1) ? S_FALSE : S_OK;
 }
 
-}  // namespace xk::module
+}  // namespace xk::server

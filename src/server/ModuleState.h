@@ -6,7 +6,7 @@
 #include <xkcombsd/MLLock.h>
 #include <xkcombsd/MWCrtSct.h>
 
-namespace xk::module {
+namespace xk::server {
 
 // Zero until process attach; written only at attach and detach, apart from
 // the two counts, which change atomically.
@@ -43,4 +43,4 @@ HRESULT CanUnloadNow();
 char* TraceModuleEvent(const char* moduleName, HINSTANCE hinst, DWORD reason, LPVOID reserved,
                        void* preferredBase);
 
-}  // namespace xk::module
+}  // namespace xk::server

@@ -9,7 +9,7 @@
 #include "server/ModuleState.h"
 #include "frame/RegistryValues.h"
 
-namespace xk::module {
+namespace xk::server {
 
 namespace {
 
@@ -92,10 +92,10 @@ HRESULT RegisterLibrary(bool registering) {
 
 }  // namespace
 
-}  // namespace xk::module
+}  // namespace xk::server
 
 // ---- DllRegisterServer -------------------------------------------------------
-extern "C" HRESULT WINAPI DllRegisterServer() { return xk::module::RegisterLibrary(true); }
+extern "C" HRESULT WINAPI DllRegisterServer() { return xk::server::RegisterLibrary(true); }
 
 // ---- DllUnregisterServer -----------------------------------------------------
-extern "C" HRESULT WINAPI DllUnregisterServer() { return xk::module::RegisterLibrary(false); }
+extern "C" HRESULT WINAPI DllUnregisterServer() { return xk::server::RegisterLibrary(false); }

@@ -13,9 +13,9 @@
 #include "server/ModuleState.h"
 
 using ::testing::ElementsAre;
-using xk::module::ClassRow;
-using xk::module::g_module;
-using xk::module::GetClassObject;
+using xk::server::ClassRow;
+using xk::server::g_module;
+using xk::server::GetClassObject;
 using xktest::FakeUnknown;
 
 namespace {
@@ -42,7 +42,7 @@ constexpr GUID kRefusing = {0x5A5E7E57, 0xFAC7, 0x0001, {1, 2, 3, 4, 5, 6, 7, 8}
 constexpr GUID kAggregatable = {0x5A5E7E57, 0xFAC7, 0x0002, {1, 2, 3, 4, 5, 6, 7, 8}};
 constexpr GUID kAlmostRefusing = {0x5A5E7E57, 0xFAC7, 0x0001, {1, 2, 3, 4, 5, 6, 7, 9}};
 // The third row is never reached: the first match wins.
-const ClassRow kTable[] = {{&kRefusing, Create, xk::module::kNoAggregation},
+const ClassRow kTable[] = {{&kRefusing, Create, xk::server::kNoAggregation},
                            {&kAggregatable, Create, 0},
                            {&kRefusing, Create, 0},
                            {}};
@@ -85,7 +85,7 @@ class ClassFactoryTest : public ::testing::Test {
     if (!m_buffer) return;
     EXPECT_EQ(1u, m_buffer->Release());
     EXPECT_EQ(0u, m_factory->Release());
-    EXPECT_HR(S_OK, xk::module::CanUnloadNow());
+    EXPECT_HR(S_OK, xk::server::CanUnloadNow());
   }
   template <class T>
   static void** Out(T** p) {
@@ -103,7 +103,7 @@ TEST_F(ClassFactoryTest, TheSearchMatchesAllSixteenBytesAndLeavesTheOutPointerWh
   EXPECT_HR(CLASS_E_CLASSNOTAVAILABLE,
             GetClassObject(kTable, kAlmostRefusing, IID_IClassFactory, &m_object));
   EXPECT_EQ(kSentinel, m_object);
-  EXPECT_EQ(&kTable[0], xk::module::FindClassRow(kTable, kRefusing)) << "the first match wins";
+  EXPECT_EQ(&kTable[0], xk::server::FindClassRow(kTable, kRefusing)) << "the first match wins";
   EXPECT_HR(E_NOINTERFACE, GetClassObject(kTable, kRefusing, IID_IMarshal, &m_object));
   EXPECT_EQ(nullptr, m_object);
 }
@@ -142,7 +142,7 @@ TEST_F(ClassFactoryTest, AnswersItsTwoFacesWithOneIdentityAndOneCount) {
                                   static_cast<IUnknown*>(back)->Release(),
                                   static_cast<IUnknown*>(unknown)->Release()}),
               ElementsAre(5u, 4u, 3u, 2u));
-  EXPECT_HR(S_OK, xk::module::CanUnloadNow()) << "a class object is no module object";
+  EXPECT_HR(S_OK, xk::server::CanUnloadNow()) << "a class object is no module object";
   IPSFactoryBuffer* direct = nullptr;
   ASSERT_HR(S_OK, GetClassObject(kTable, kRefusing, IID_IPSFactoryBuffer, Out(&direct)));
   EXPECT_EQ(0u, direct->Release());
@@ -177,13 +177,13 @@ TEST_F(ClassFactoryTest, CreateInstanceHandsTheRowAndTheObjectCountOnAndRefusesA
 
 TEST_F(ClassFactoryTest, LockServerMovesDllCanUnloadNowAndTheLastUnlockAnswersUnexpected) {
   EXPECT_HR(S_OK, m_factory->LockServer(TRUE));
-  EXPECT_HR(S_FALSE, xk::module::CanUnloadNow());
+  EXPECT_HR(S_FALSE, xk::server::CanUnloadNow());
   EXPECT_HR(S_OK, m_factory->LockServer(TRUE));
   EXPECT_HR(S_OK, m_factory->LockServer(FALSE));
-  EXPECT_HR(S_FALSE, xk::module::CanUnloadNow());
+  EXPECT_HR(S_FALSE, xk::server::CanUnloadNow());
   EXPECT_HR(E_UNEXPECTED, m_factory->LockServer(FALSE));
   EXPECT_EQ(0, g_module.lockCount);
-  EXPECT_HR(S_OK, xk::module::CanUnloadNow());
+  EXPECT_HR(S_OK, xk::server::CanUnloadNow());
   // An unbalanced unlock still changes the count.
   EXPECT_HR(E_UNEXPECTED, m_factory->LockServer(FALSE));
   EXPECT_EQ(-1, g_module.lockCount);
@@ -244,7 +244,7 @@ TEST_F(ClassFactoryTest, CreateProxyAndCreateStubHandOutWhatWasMadeOrNothingAndH
 }
 
 TEST_F(ClassFactoryTest, AClassObjectWithoutARowReportsItAndAnswersUnexpected) {
-  xk::module::ClassFactory* factory = xk::module::ClassFactory::Create(nullptr);
+  xk::server::ClassFactory* factory = xk::server::ClassFactory::Create(nullptr);
   ASSERT_NE(nullptr, factory);
   xktest::DebugOutputCapture capture;
   IRpcProxyBuffer* proxy = nullptr;
