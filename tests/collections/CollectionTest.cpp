@@ -1,10 +1,13 @@
 // The collection-and-enumerator contract, run over all five element kinds:
 // every call at its edges as one table row, then the shared position,
-// independent clones, the QueryInterface set, growth as the task allocator
-// sees it, the class object and creator, and the traces.
+// one identity, independent clones, growth as the task allocator sees it,
+// the creators, the traces; then a C client, several threads, and the classes
+// made by ProgID.
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "DebugOutput.h"
@@ -13,25 +16,23 @@
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
-using xktest::DebugOutputCapture;
 using xktest::FillSentinel;
+
+extern "C" HRESULT InsertAddAndReadThroughC(ISeqBSTR* seq, BSTR item, long* count, BSTR* first);
 
 namespace {
 
-enum Op { kAdd, kInsertAt, kRemoveAt, kSetAt, kSetPosition, kEmpty, kNext, kNext1, kSkip, kReset };
+enum Op { kAdd, kInsertAt, kRemoveAt, kSetAt, kSetPosition, kEmpty, kNext, kNext1, kSkip };
 constexpr int kNull = -1;  // as "from": a NULL array
 
-// One call on a new object holding items [0, size) at position: the call with its index or
-// position (at), first item handed in (from) and count handed in or asked for; the code it
-// returns, the items held afterwards (edits) or fetched (walks), and the position it leaves.
-// Calls that must fail for want of memory run while the task allocator refuses everything.
-// kNext1 leaves out the fetched count.
+// One call on a new object holding items [0, size) at position, with its index or position
+// (at), first item (from) and count; the code it returns, the items held afterwards (edits) or
+// fetched (walks; kNext1 leaves out the count), and the position it leaves. E_OUTOFMEMORY rows
+// run while the task allocator refuses everything.
 struct Row {
   const char* what;
-  int size, position;
-  Op op;
-  long long at;
-  int from;
+  int size, position, op;
+  long long at, from;
   ULONG count;
   HRESULT hr;
   std::vector<int> items;
@@ -44,17 +45,14 @@ const Row kRows[] = {
     {"Add from NULL", 2, 1, kAdd, 0, kNull, 3, E_POINTER, {0, 1}, 1},
     {"Add starved", 3, 1, kAdd, 0, 5, 1, E_OUTOFMEMORY, {0, 1, 2}, 1},
     {"Add huge, reads no item", 3, 1, kAdd, 0, 5, ULONG_MAX, E_OUTOFMEMORY, {0, 1, 2}, 1},
-    {"InsertAt huge", 3, 1, kInsertAt, 0, 5, ULONG_MAX, E_OUTOFMEMORY, {0, 1, 2}, 1},
     {"InsertAt of none unchecked", 3, 2, kInsertAt, ULONG_MAX, kNull, 0, S_FALSE, {0, 1, 2}, 2},
     {"InsertAt past the count", 3, 2, kInsertAt, 4, 10, 1, E_INVALIDARG, {0, 1, 2}, 2},
     {"InsertAt from NULL", 3, 2, kInsertAt, 0, kNull, 1, E_POINTER, {0, 1, 2}, 2},
     {"InsertAt the count appends", 3, 2, kInsertAt, 3, 10, 2, S_OK, {0, 1, 2, 10, 11}, 2},
     {"InsertAt in the middle", 3, 2, kInsertAt, 2, 30, 2, S_OK, {0, 1, 30, 31, 2}, 2},
     {"RemoveAt the count", 5, 0, kRemoveAt, 5, 0, 0, E_INVALIDARG, {0, 1, 2, 3, 4}, 0},
-    {"RemoveAt ULONG_MAX", 5, 0, kRemoveAt, ULONG_MAX, 0, 0, E_INVALIDARG, {0, 1, 2, 3, 4}, 0},
     {"RemoveAt closes the gap", 5, 1, kRemoveAt, 1, 0, 0, S_OK, {0, 2, 3, 4}, 1},
     {"RemoveAt: position stays inside", 5, 5, kRemoveAt, 4, 0, 0, S_OK, {0, 1, 2, 3}, 4},
-    {"RemoveAt before the position", 3, 1, kRemoveAt, 0, 0, 0, S_OK, {1, 2}, 1},
     // Its storage goes too, or the final release reports the pointers and leaks.
     {"RemoveAt the last", 1, 1, kRemoveAt, 0, 0, 0, S_OK, {}, 0},
     {"SetAt checks the item first", 3, 0, kSetAt, ULONG_MAX, kNull, 0, E_POINTER, {0, 1, 2}, 0},
@@ -62,22 +60,14 @@ const Row kRows[] = {
     {"SetAt lets the old go", 3, 0, kSetAt, 1, 9, 0, S_OK, {0, 9, 2}, 0},
     {"SetPosition -1", 4, 1, kSetPosition, -1, 0, 0, E_INVALIDARG, {0, 1, 2, 3}, 1},
     {"SetPosition past the count", 4, 1, kSetPosition, 5, 0, 0, E_INVALIDARG, {0, 1, 2, 3}, 1},
-    {"SetPosition LONG_MAX", 4, 1, kSetPosition, LONG_MAX, 0, 0, E_INVALIDARG, {0, 1, 2, 3}, 1},
     {"SetPosition the count", 4, 1, kSetPosition, 4, 0, 0, S_OK, {0, 1, 2, 3}, 4},
-    {"SetPosition 0 when empty", 0, 0, kSetPosition, 0, 0, 0, S_OK, {}, 0},
     {"Empty when empty", 0, 0, kEmpty, 0, 0, 0, S_FALSE, {}, 0},
     {"Next: only one may go uncounted", 5, 0, kNext1, 0, 0, 0, E_INVALIDARG, {}, 0},
-    {"Next: nor two", 5, 0, kNext1, 0, 0, 2, E_INVALIDARG, {}, 0},
     {"Next clears the count first", 5, 0, kNext, 0, kNull, 3, E_POINTER, {}, 0},
     {"Next of exactly the rest", 5, 2, kNext, 0, 0, 3, S_OK, {2, 3, 4}, 5},
-    {"Next at the end", 5, 5, kNext, 0, 0, 1, S_FALSE, {}, 5},
     {"Next short", 5, 3, kNext, 0, 0, 4, S_FALSE, {3, 4}, 5},
     {"Next of one uncounted", 4, 3, kNext1, 0, 0, 1, S_OK, {3}, 4},
-    {"Next when empty", 0, 0, kNext1, 0, 0, 1, S_FALSE, {}, 0},
     {"Skip to the end exactly", 5, 2, kSkip, 0, 0, 3, S_FALSE, {}, 5},
-    {"Skip a huge count", 5, 3, kSkip, 0, 0, ULONG_MAX, S_FALSE, {}, 5},
-    {"Skip 0 when empty", 0, 0, kSkip, 0, 0, 0, S_FALSE, {}, 0},
-    {"Reset", 5, 5, kReset, 0, 0, 0, S_OK, {}, 0},
 };
 
 template <class Kind>
@@ -103,7 +93,7 @@ class CollectionTest : public xktest::CollectionsTest {
   // The sequence face of an object; adds no reference.
   static Seq* SeqOf(IUnknown* object) {
     Seq* seq = nullptr;
-    EXPECT_HR(S_OK, object->QueryInterface(Kind::SeqIid(), reinterpret_cast<void**>(&seq)));
+    EXPECT_HR(S_OK, object->QueryInterface(*Kind::kAnswered[0], reinterpret_cast<void**>(&seq)));
     seq->Release();
     return seq;
   }
@@ -111,11 +101,6 @@ class CollectionTest : public xktest::CollectionsTest {
     ULONG position = 0xDEADBEEF;
     EXPECT_HR(S_OK, seq->GetPosition(&position));
     return position;
-  }
-  static long CountOf(Seq* seq) {
-    long count = -1;
-    EXPECT_HR(S_OK, seq->Count(&count));
-    return count;
   }
   // Which item each fetched element is the caller's own copy of (-1 for none); frees them.
   std::vector<int> Indices(Element* fetched, ULONG n) {
@@ -133,13 +118,10 @@ class CollectionTest : public xktest::CollectionsTest {
     EXPECT_HR(expected, e->Next(count, fetched, &n));
     return Indices(fetched, n);
   }
-  // The items the object holds, in order; its position is left as it was.
-  std::vector<int> Contents(Enum* e) {
-    const ULONG position = PositionOf(SeqOf(e));
+  // The items the object holds, in order; leaves it at the end.
+  std::vector<int> All(Enum* e) {
     EXPECT_HR(S_OK, e->Reset());
-    const std::vector<int> items = Fetch(e, xktest::kMaxItems, S_FALSE);
-    EXPECT_HR(S_OK, SeqOf(e)->SetPosition(static_cast<long>(position)));
-    return items;
+    return Fetch(e, xktest::kMaxItems, S_FALSE);
   }
 
   HRESULT Apply(const Row& row, Enum* e, Seq* seq, Element* slots, ULONG* n) {
@@ -154,7 +136,6 @@ class CollectionTest : public xktest::CollectionsTest {
     if (row.op == kNext) return e->Next(row.count, row.from == kNull ? nullptr : slots, n);
     if (row.op == kNext1) return e->Next(row.count, slots, nullptr);
     if (row.op == kSkip) return e->Skip(row.count);
-    if (row.op == kReset) return e->Reset();
     return E_FAIL;
   }
 
@@ -164,7 +145,7 @@ class CollectionTest : public xktest::CollectionsTest {
 TYPED_TEST_SUITE(CollectionTest, xktest::AllKinds);
 
 TYPED_TEST(CollectionTest, EachCallLeavesTheItemsAndPositionOfItsRow) {
-  DebugOutputCapture capture;
+  xktest::DebugOutputCapture capture;
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.what);
     auto* e = this->Make(row.size);
@@ -173,12 +154,10 @@ TYPED_TEST(CollectionTest, EachCallLeavesTheItemsAndPositionOfItsRow) {
     typename TypeParam::Element slots[4];
     FillSentinel(slots, 4);
     ULONG n = 0xDEADBEEF;
-    HRESULT hr;
-    {
-      std::optional<xktest::TaskAllocatorRefusal> refusal;
-      if (row.hr == E_OUTOFMEMORY) refusal.emplace();
-      hr = this->Apply(row, e, seq, slots, &n);
-    }
+    std::optional<xktest::TaskAllocatorRefusal> refusal;
+    if (row.hr == E_OUTOFMEMORY) refusal.emplace();
+    const HRESULT hr = this->Apply(row, e, seq, slots, &n);
+    refusal.reset();
     EXPECT_HR(row.hr, hr);
     EXPECT_EQ(row.positionAfter, this->PositionOf(seq));
     if (row.op >= kNext) {
@@ -187,8 +166,7 @@ TYPED_TEST(CollectionTest, EachCallLeavesTheItemsAndPositionOfItsRow) {
       for (ULONG i = fetched; i < 4; ++i) EXPECT_TRUE(xktest::IsSentinel(slots[i])) << i;
       EXPECT_THAT(this->Indices(slots, fetched), ElementsAreArray(row.items));
     } else {
-      EXPECT_EQ(static_cast<long>(row.items.size()), this->CountOf(seq));
-      EXPECT_THAT(this->Contents(e), ElementsAreArray(row.items));
+      EXPECT_THAT(this->All(e), ElementsAreArray(row.items));
     }
     EXPECT_EQ(0u, e->Release());
   }
@@ -209,21 +187,28 @@ TYPED_TEST(CollectionTest, GrowthAsksForTheNextMultipleOfSixteenEveryTime) {
 
 std::string TraceLine(const char* name, bool birth, const void* object) {
   char text[96];
-  std::snprintf(text, sizeof text, "%s%s(%08x), th %x\n", birth ? "" : "~", name,
-                static_cast<unsigned>(reinterpret_cast<ULONG_PTR>(object)),
-                static_cast<unsigned>(GetCurrentThreadId()));
+  std::snprintf(text, sizeof text, "%s%s(%08x), th %lx\n", birth ? "" : "~", name,
+                unsigned(reinterpret_cast<ULONG_PTR>(object)), GetCurrentThreadId());
   return text;
 }
 
 // Three kinds trace each object's birth and death by the address of its
 // collection face; the string creator echoes its items.
-TYPED_TEST(CollectionTest, NewEnumIsTheObjectItselfReferencesCountExactlyAndLifetimesAreTraced) {
-  DebugOutputCapture capture;
+TYPED_TEST(CollectionTest, OneObjectBehindEveryFaceCountedExactlyAndTraced) {
+  xktest::DebugOutputCapture capture;
   auto* e = this->Make(2);
-  typename TypeParam::Seq* seq = nullptr;
-  ASSERT_HR(S_OK, e->QueryInterface(TypeParam::SeqIid(), reinterpret_cast<void**>(&seq)));
-  EXPECT_EQ(3u, seq->AddRef()) << "one count for both faces";
-  EXPECT_EQ(2u, e->Release());
+  for (const IID* iid : TypeParam::kAnswered) {
+    IUnknown *face = nullptr, *identity = nullptr;
+    ASSERT_HR(S_OK, e->QueryInterface(*iid, reinterpret_cast<void**>(&face)));
+    ASSERT_HR(S_OK, face->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity)));
+    EXPECT_EQ(static_cast<IUnknown*>(e), identity);
+    EXPECT_EQ(2u, identity->Release());
+    EXPECT_EQ(1u, face->Release()) << "one count for every face";
+  }
+  void* out = reinterpret_cast<void*>(0xDEADBEEF);
+  EXPECT_HR(E_NOINTERFACE, e->QueryInterface(IID_IStream, &out));
+  EXPECT_EQ(nullptr, out);
+  auto* seq = this->SeqOf(e);
   EXPECT_HR(E_POINTER, seq->_NewEnum(nullptr));
   EXPECT_HR(E_POINTER, seq->Count(nullptr));
   EXPECT_HR(E_POINTER, seq->GetPosition(nullptr));
@@ -234,8 +219,7 @@ TYPED_TEST(CollectionTest, NewEnumIsTheObjectItselfReferencesCountExactlyAndLife
   ASSERT_HR(S_OK, seq->_NewEnum(&other));
   EXPECT_EQ(e, other);
   EXPECT_THAT(this->Fetch(other, 1), ElementsAre(1)) << "handing it out does not reset it";
-  EXPECT_EQ(2u, other->Release());
-  EXPECT_EQ(1u, seq->Release());
+  EXPECT_EQ(1u, other->Release());
   EXPECT_HR(S_FALSE, DllCanUnloadNow()) << "a live object keeps the library loaded";
   EXPECT_EQ(0u, e->Release());
   std::vector<std::string> expected;
@@ -249,67 +233,19 @@ TYPED_TEST(CollectionTest, ClonesCopyElementsAndPositionAndThenGoTheirOwnWay) {
   auto* e = this->Make(5);
   ASSERT_HR(S_OK, this->SeqOf(e)->SetPosition(2));
   typename TypeParam::Enum* clone = nullptr;
-  {
-    xktest::TaskAllocatorRefusal refusal;
-    FillSentinel(&clone);
-    EXPECT_HR(E_OUTOFMEMORY, e->Clone(&clone));
-    EXPECT_EQ(nullptr, clone);
-  }
   ASSERT_HR(S_OK, e->Clone(&clone));
   EXPECT_THAT(this->Fetch(clone, 1), ElementsAre(2));
   EXPECT_EQ(2u, this->PositionOf(this->SeqOf(e))) << "the source keeps its own position";
   EXPECT_HR(S_OK, this->SeqOf(e)->Empty());
-  EXPECT_THAT(this->Contents(clone), ElementsAre(0, 1, 2, 3, 4));
+  EXPECT_THAT(this->All(clone), ElementsAre(0, 1, 2, 3, 4));
   EXPECT_EQ(0u, clone->Release());
   ASSERT_HR(S_OK, e->Clone(&clone)) << "an empty source clones too";
-  EXPECT_THAT(this->Contents(clone), IsEmpty());
+  EXPECT_THAT(this->All(clone), IsEmpty());
   EXPECT_EQ(0u, clone->Release());
   EXPECT_EQ(0u, e->Release());
 }
 
-TYPED_TEST(CollectionTest, QueryInterfaceAnswersItsOwnSetWithOneIdentity) {
-  auto* e = this->Make(1);
-  const IID* family[] = {
-      &IID_IUnknown,    &IID_ICollBSTR,    &IID_ISeqBSTR,    &IID_IEnumBSTR,     &IID_ICollGUID,
-      &IID_ISeqGUID,    &IID_IQvEnumGUID,  &IID_IEnumGUID,   &IID_ICollString,   &IID_ISeqString,
-      &IID_IEnumString, &IID_ICollUnknown, &IID_ISeqUnknown, &IID_IEnumUnknown,  &IID_ICollVARIANT,
-      &IID_ISeqVARIANT, &IID_IEnumVARIANT, &IID_IDispatch,   &IID_IClassFactory, &IID_IMarshal,
-      &IID_IStream};
-  for (const IID* iid : family) {
-    // The enumerator face answers IUnknown and its own IIDs (for GUIDs, the platform's too).
-    const bool isEnum = *iid == IID_IUnknown || *iid == TypeParam::EnumIid() ||
-                        (std::is_same_v<TypeParam, xktest::GuidKind> && *iid == IID_IEnumGUID);
-    const bool isSeq = *iid == TypeParam::CollIid() || *iid == TypeParam::SeqIid();
-    void* out = reinterpret_cast<void*>(0xDEADBEEF);
-    EXPECT_HR(isEnum || isSeq ? S_OK : E_NOINTERFACE, e->QueryInterface(*iid, &out));
-    if (isEnum) EXPECT_EQ(static_cast<void*>(e), out);
-    if (isSeq) EXPECT_EQ(static_cast<IUnknown*>(e), xktest::Identity(static_cast<IUnknown*>(out)));
-    if (isEnum || isSeq)
-      EXPECT_EQ(1u, static_cast<IUnknown*>(out)->Release());
-    else
-      EXPECT_EQ(nullptr, out);
-  }
-  EXPECT_EQ(0u, e->Release());
-}
-
-TYPED_TEST(CollectionTest, ClassObjectAndCreatorRefuseBadArgumentsAndLeaveNothingBehind) {
-  IClassFactory* factory = nullptr;
-  ASSERT_HR(S_OK, DllGetClassObject(TypeParam::Clsid(), IID_IClassFactory,
-                                    reinterpret_cast<void**>(&factory)));
-  xktest::FakeUnknown outer;
-  void* object = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(CLASS_E_NOAGGREGATION, factory->CreateInstance(&outer, IID_IUnknown, &object));
-  EXPECT_EQ(nullptr, object);
-  EXPECT_EQ(1, outer.refs);
-  object = reinterpret_cast<void*>(0xDEADBEEF);
-  EXPECT_HR(E_NOINTERFACE, factory->CreateInstance(nullptr, IID_IStream, &object));
-  EXPECT_EQ(nullptr, object);
-  ASSERT_HR(S_OK, factory->CreateInstance(nullptr, TypeParam::CollIid(), &object));
-  EXPECT_EQ(0u, factory->Release()) << "objects do not hold their class object";
-  EXPECT_HR(S_FALSE, DllCanUnloadNow());
-  EXPECT_EQ(0, this->CountOf(static_cast<typename TypeParam::Seq*>(object)));
-  EXPECT_EQ(0u, static_cast<IUnknown*>(object)->Release());
-
+TYPED_TEST(CollectionTest, CreatorRefusesBadArgumentsAndLeavesNothingBehind) {
   typename TypeParam::Enum* e = nullptr;
   EXPECT_HR(E_POINTER, TypeParam::Create(this->m_items, 1, nullptr));
   FillSentinel(&e);
@@ -322,6 +258,95 @@ TYPED_TEST(CollectionTest, ClassObjectAndCreatorRefuseBadArgumentsAndLeaveNothin
     EXPECT_EQ(nullptr, e);
   }
   ASSERT_HR(S_OK, TypeParam::Create(nullptr, 0, &e)) << "NULL with 0 makes an empty one";
+  EXPECT_THAT(this->All(e), IsEmpty());
+  EXPECT_EQ(0u, e->Release());
+}
+
+// What single creators add: the string creator's echo of a NULL string, and
+// the C form of the public interfaces for BSTRs.
+using CreatorTest = xktest::CollectionsTest;
+
+TEST_F(CreatorTest, TheStringCreatorEchoesANullStringAsAnEmptyLineAndCopiesItAsNull) {
+  const LPCOLESTR strings[] = {L"b", nullptr};
+  IEnumString* e = nullptr;
+  xktest::DebugOutputCapture capture;
+  ASSERT_HR(S_OK, EnumString_Create(strings, 2, &e));
+  EXPECT_THAT(capture.Lines(), ElementsAre("b", "\n", "", "\n"));
+  LPOLESTR fetched = reinterpret_cast<LPOLESTR>(0xDEADBEEF);
+  ASSERT_HR(S_OK, e->Skip(1));
+  ASSERT_HR(S_OK, e->Next(1, &fetched, nullptr));
+  EXPECT_EQ(nullptr, fetched);
+  EXPECT_EQ(0u, e->Release());
+}
+
+using BstrTest = CollectionTest<xktest::BstrKind>;
+
+TEST_F(BstrTest, CClientsReachEveryMethodThroughTheVtable) {
+  auto* e = Make(0);
+  long count = -1;
+  BSTR first = nullptr;
+  EXPECT_HR(S_OK, InsertAddAndReadThroughC(SeqOf(e), m_items[7], &count, &first));
+  EXPECT_EQ(2, count);
+  EXPECT_THAT(Indices(&first, 1), ElementsAre(7));
+  EXPECT_EQ(0u, e->Release());
+}
+
+constexpr int kThreads = 4;
+constexpr int kRounds = 300;
+
+// Several threads on one collection: every operation holds the object's lock, so
+// the count afterwards is exactly what they imply. Each thread appends one element
+// a round and removes one every other round, so every removal finds an element.
+void Work(ISeqVARIANT* seq, const VARIANT* item, std::atomic<int>* failures) {
+  IEnumVARIANT* shared = nullptr;
+  if (seq->_NewEnum(&shared) != S_OK) return void(++*failures);
+  for (int round = 0; round < kRounds; ++round) {
+    if (seq->Add(item, 1) != S_OK) ++*failures;
+    if (round % 2 == 1 && seq->RemoveAt(0) != S_OK) ++*failures;
+    VARIANT fetched[3];
+    ULONG n = 0;
+    if (FAILED(shared->Next(3, fetched, &n))) ++*failures;
+    for (ULONG i = 0; i < n; ++i) VariantClear(&fetched[i]);
+    if (round % 16 == 0) shared->Reset();
+  }
+  shared->Release();
+}
+
+using CollectionStressTest = CollectionTest<xktest::VariantKind>;
+
+TEST_F(CollectionStressTest, ThreadsAddingRemovingAndEnumeratingAgreeOnTheCount) {
+  auto* e = Make(0);
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(Work, SeqOf(e), m_items, &failures);
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(0, failures.load());
+  long count = -1;
+  EXPECT_HR(S_OK, SeqOf(e)->Count(&count));
+  EXPECT_EQ(kThreads * (kRounds - kRounds / 2), count);
+  EXPECT_EQ(0u, e->Release());
+}
+
+// After regsvr32, any COM client makes the classes by ProgID through CoCreateInstance.
+std::string Regsvr32(const char* options) {
+  return std::string("regsvr32.exe ") + options + " \"" + xktest::ExecutableDirectoryA() +
+         "\\XKComBsD.dll\"";
+}
+
+class RegisteredClassTest : public CollectionTest<xktest::GuidKind> {
+ protected:
+  static void SetUpTestSuite() { ASSERT_EQ(0u, xktest::RunToEnd(Regsvr32("/s"), 60000)); }
+  static void TearDownTestSuite() { EXPECT_EQ(0u, xktest::RunToEnd(Regsvr32("/s /u"), 60000)); }
+};
+
+TEST_F(RegisteredClassTest, EnumGUIDMadeByProgIDHoldsAndListsWhatItIsGiven) {
+  CLSID clsid = {};
+  ASSERT_HR(S_OK, CLSIDFromProgID(L"QuorvelSoftware.EnumGUID", &clsid));
+  IEnumGUID* e = nullptr;
+  ASSERT_HR(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IEnumGUID,
+                                   reinterpret_cast<void**>(&e)));
+  ASSERT_HR(S_OK, SeqOf(e)->Add(m_items + 3, 2));
+  EXPECT_THAT(All(e), ElementsAre(3, 4));
   EXPECT_EQ(0u, e->Release());
 }
 

@@ -1,6 +1,6 @@
-// The five element kinds as a client sees them: per kind, its interfaces,
-// identifiers and creator, how a test makes items, whether an element is the
-// caller's own copy of an item, and how the caller frees that copy.
+// The five element kinds as a client sees them: per kind, its interfaces and
+// the identifiers it answers, how a test makes item i, and whether a fetched
+// element is the caller's own copy of an item (and how the caller frees it).
 #pragma once
 
 #include <gmock/gmock.h>
@@ -18,7 +18,7 @@ namespace xktest {
 
 constexpr int kMaxItems = 40;
 
-inline std::wstring ItemText(int i) { return L"item " + std::to_wstring(i); }
+inline BSTR ItemBstr(int i) { return SysAllocString((L"item " + std::to_wstring(i)).c_str()); }
 
 // Fills an output slot with a byte pattern no call writes, to see whether one did.
 template <class T>
@@ -32,102 +32,89 @@ bool IsSentinel(const T& slot) {
   return std::memcmp(&pattern, &slot, sizeof(T)) == 0;
 }
 
-inline bool TaskAllocated(void* block) {
-  IMalloc* malloc = nullptr;
-  const bool allocated = SUCCEEDED(CoGetMalloc(1, &malloc)) && malloc->DidAlloc(block) == 1;
-  if (malloc) malloc->Release();
-  return allocated;
-}
-
-template <class E, class In, class S, class En, const CLSID* kClsid, const IID* kColl,
-          const IID* kSeq, const IID* kEnum, HRESULT(WINAPI* kCreate)(const In*, ULONG, En**)>
+// Defaults a kind overrides: items and copies that need no freeing, no trace.
+template <class E, class In, class En, HRESULT(WINAPI* kCreate)(const In*, ULONG, En**), class S,
+          const IID* kSeq, const IID*... kOthers>
 struct KindOf {
   using Element = E;
   using Input = In;
   using Seq = S;
   using Enum = En;
-  static const CLSID& Clsid() { return *kClsid; }
-  static const IID& CollIid() { return *kColl; }
-  static const IID& SeqIid() { return *kSeq; }
-  static const IID& EnumIid() { return *kEnum; }
-  static HRESULT Create(const In* items, ULONG n, En** e) { return kCreate(items, n, e); }
-};
-
-struct BstrKind : KindOf<BSTR, BSTR, ISeqBSTR, IEnumBSTR, &CLSID_QvEnumBSTR, &IID_ICollBSTR,
-                         &IID_ISeqBSTR, &IID_IEnumBSTR, EnumBSTR_Create> {
+  static constexpr const IID* kAnswered[] = {kSeq, &IID_IUnknown, kOthers...};
   static constexpr const char* kTraceName = nullptr;
-  static Input MakeItem(int i) { return SysAllocString(ItemText(i).c_str()); }
-  static void FreeItem(Input& item) { SysFreeString(item); }
-  static bool Copies(BSTR e, BSTR item) { return e && e != item && !std::wcscmp(e, item); }
-  static void FreeCopy(Element& e) { SysFreeString(e); }
+  static HRESULT Create(const In* items, ULONG n, En** e) { return kCreate(items, n, e); }
+  static void FreeItem(In&) {}
+  static void FreeCopy(E&) {}
 };
 
-struct GuidKind : KindOf<GUID, GUID, ISeqGUID, IEnumGUID, &CLSID_QvEnumGUID, &IID_ICollGUID,
-                         &IID_ISeqGUID, &IID_IQvEnumGUID, EnumGUID_Create> {
+struct BstrKind : KindOf<BSTR, BSTR, IEnumBSTR, EnumBSTR_Create, ISeqBSTR, &IID_ISeqBSTR,
+                         &IID_ICollBSTR, &IID_IEnumBSTR> {
+  static BSTR MakeItem(int i) { return ItemBstr(i); }
+  static void FreeItem(BSTR& item) { SysFreeString(item); }
+  static bool Copies(BSTR e, BSTR item) { return e && e != item && !std::wcscmp(e, item); }
+  static void FreeCopy(BSTR& e) { SysFreeString(e); }
+};
+
+// GUIDs answer the platform's IEnumGUID beside their own.
+struct GuidKind : KindOf<GUID, GUID, IEnumGUID, EnumGUID_Create, ISeqGUID, &IID_ISeqGUID,
+                         &IID_ICollGUID, &IID_IQvEnumGUID, &IID_IEnumGUID> {
   static constexpr const char* kTraceName = "_EnumGUID";
-  static Input MakeItem(int i) {
-    return {0x10000000u + i, 0x2222, 0x3333, {0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, BYTE(i)}};
-  }
-  static void FreeItem(Input&) {}
+  static GUID MakeItem(int i) { return {0x10000000u + i, 0x2222, 0x3333, {0x44, BYTE(i)}}; }
   static bool Copies(const GUID& e, const GUID& item) { return e == item; }
-  static void FreeCopy(Element&) {}
 };
 
 // The caller's strings need not come from the task allocator; the copies must.
-struct StringKind : KindOf<LPOLESTR, LPCOLESTR, ISeqString, IEnumString, &CLSID_QvEnumString,
-                           &IID_ICollString, &IID_ISeqString, &IID_IEnumString, EnumString_Create> {
-  static constexpr const char* kTraceName = nullptr;
-  static Input MakeItem(int i) {
+struct StringKind : KindOf<LPOLESTR, LPCOLESTR, IEnumString, EnumString_Create, ISeqString,
+                           &IID_ISeqString, &IID_ICollString, &IID_IEnumString> {
+  static LPCOLESTR MakeItem(int i) {
     static std::wstring texts[kMaxItems];
-    return (texts[i] = ItemText(i)).c_str();
+    return (texts[i] = L"item " + std::to_wstring(i)).c_str();
   }
-  static void FreeItem(Input&) {}
   static bool Copies(LPOLESTR e, LPCOLESTR item) {
-    return e && e != item && TaskAllocated(e) && !std::wcscmp(e, item);
+    IMalloc* malloc = nullptr;
+    const bool task = SUCCEEDED(CoGetMalloc(1, &malloc)) && malloc->DidAlloc(e) == 1;
+    if (malloc) malloc->Release();
+    return task && e != item && !std::wcscmp(e, item);
   }
-  static void FreeCopy(Element& e) { CoTaskMemFree(e); }
+  static void FreeCopy(LPOLESTR& e) { CoTaskMemFree(e); }
 };
 
-// Shared, counted objects, held as given (never queried); every test hands
-// back each reference it took.
-struct UnknownKind
-    : KindOf<LPUNKNOWN, LPUNKNOWN, ISeqUnknown, IEnumUnknown, &CLSID_QvEnumUnknown,
-             &IID_ICollUnknown, &IID_ISeqUnknown, &IID_IEnumUnknown, EnumUnknown_Create> {
+// Shared, counted objects, held as given (never queried); each reference taken is handed back.
+struct UnknownKind : KindOf<IUnknown*, IUnknown*, IEnumUnknown, EnumUnknown_Create, ISeqUnknown,
+                            &IID_ISeqUnknown, &IID_ICollUnknown, &IID_IEnumUnknown> {
   static constexpr const char* kTraceName = "_EnumUnknown";
-  static Input MakeItem(int i) {
+  static IUnknown* MakeItem(int i) {
     static FakeUnknown objects[kMaxItems];
     return &objects[i];
   }
-  static void FreeItem(Input& item) {
+  static void FreeItem(IUnknown*& item) {
     EXPECT_EQ(1, static_cast<FakeUnknown*>(item)->refs);
     EXPECT_EQ(0, static_cast<FakeUnknown*>(item)->queries);
   }
   static bool Copies(IUnknown* e, IUnknown* item) { return e == item; }
-  static void FreeCopy(Element& e) { e->Release(); }
+  static void FreeCopy(IUnknown*& e) { e->Release(); }
 };
 
 // Strings inside, so that ownership of the copies shows.
-struct VariantKind
-    : KindOf<VARIANT, VARIANT, ISeqVARIANT, IEnumVARIANT, &CLSID_QvEnumVARIANT, &IID_ICollVARIANT,
-             &IID_ISeqVARIANT, &IID_IEnumVARIANT, EnumVARIANT_Create> {
+struct VariantKind : KindOf<VARIANT, VARIANT, IEnumVARIANT, EnumVARIANT_Create, ISeqVARIANT,
+                            &IID_ISeqVARIANT, &IID_ICollVARIANT, &IID_IEnumVARIANT> {
   static constexpr const char* kTraceName = "_EnumVARIANT";
-  static Input MakeItem(int i) {
-    VARIANT v;
+  static VARIANT MakeItem(int i) {
+    VARIANT v{};
     V_VT(&v) = VT_BSTR;
-    V_BSTR(&v) = SysAllocString(ItemText(i).c_str());
+    V_BSTR(&v) = ItemBstr(i);
     return v;
   }
-  static void FreeItem(Input& item) { VariantClear(&item); }
+  static void FreeItem(VARIANT& item) { VariantClear(&item); }
   static bool Copies(const VARIANT& e, const VARIANT& item) {
     return V_VT(&e) == VT_BSTR && BstrKind::Copies(V_BSTR(&e), V_BSTR(&item));
   }
-  static void FreeCopy(Element& e) { VariantClear(&e); }
+  static void FreeCopy(VARIANT& e) { VariantClear(&e); }
 };
 
 using AllKinds = ::testing::Types<BstrKind, GuidKind, StringKind, UnknownKind, VariantKind>;
 
-// Every test of the suite ends with nothing left on the task allocator and no
-// object keeping the library loaded.
+// Every test ends with nothing left on the task allocator and nothing keeping the library loaded.
 class CollectionsTest : public ::testing::Test {
  protected:
   void TearDown() override {
@@ -137,14 +124,5 @@ class CollectionsTest : public ::testing::Test {
 
   MallocSpy m_spy;
 };
-
-// The IUnknown of an interface, for identity comparisons; adds no reference.
-inline IUnknown* Identity(IUnknown* object) {
-  IUnknown* identity = nullptr;
-  if (FAILED(object->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity))))
-    return nullptr;
-  identity->Release();
-  return identity;
-}
 
 }  // namespace xktest
