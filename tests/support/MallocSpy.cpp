@@ -30,7 +30,8 @@ class ProcessSpy : public IMallocSpy {
   // to the task allocator; without that cache every BSTR is a task block the
   // spy sees allocated and freed, so a leaked BSTR shows as outstanding.
   static void StopCachingBstrs() {
-    if (HMODULE oleaut32 = LoadLibraryW(L"oleaut32.dll"))  // kept: BSTRs live as long as the process
+    if (HMODULE oleaut32 =
+            LoadLibraryW(L"oleaut32.dll"))  // kept: BSTRs live as long as the process
       if (auto stop = reinterpret_cast<void(WINAPI*)()>(
               reinterpret_cast<void*>(GetProcAddress(oleaut32, "SetOaNoCache"))))
         stop();
@@ -94,14 +95,13 @@ class ProcessSpy : public IMallocSpy {
     return pRequest;
   }
   STDMETHODIMP_(void) PostFree(BOOL) override {}
-  STDMETHODIMP_(SIZE_T) PreRealloc(void* pRequest, SIZE_T cbRequest, void** ppNewRequest,
-                                   BOOL) override {
+  STDMETHODIMP_(SIZE_T)
+  PreRealloc(void* pRequest, SIZE_T cbRequest, void** ppNewRequest, BOOL) override {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.push_back({true, cbRequest});
     *ppNewRequest = pRequest;
     if (m_refusing && cbRequest != 0) return 0;  // the block stays where it was
     m_reallocSource = pRequest;
-    m_reallocSize = cbRequest;
     // Resizing to 0 frees; not every allocator reports back after it.
     if (cbRequest == 0) m_blocks.erase(pRequest);
     return cbRequest;
@@ -132,7 +132,6 @@ class ProcessSpy : public IMallocSpy {
   std::uint64_t m_nextBlock = 0;            // (m_mutex)
   std::vector<Request> m_requests;          // (m_mutex)
   void* m_reallocSource = nullptr;          // (m_mutex) block of the pending Realloc
-  SIZE_T m_reallocSize = 0;                 // (m_mutex)
 };
 
 }  // namespace

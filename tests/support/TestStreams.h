@@ -1,6 +1,6 @@
 // Streams for record tests: the platform's memory stream with helpers to fill
 // and inspect it, and FaultyStream, which wraps one and fails on demand (the Nth
-// Read, Write, Seek or Stat) or cuts reads short, so that every failure path of
+// Read, Write, Seek or Stat) or fails a short read, so that every failure path of
 // a record function can be reached. Header-only.
 #pragma once
 
@@ -73,11 +73,6 @@ inline Bytes ContentOf(IStream* stream) {
   return content;
 }
 
-inline Bytes Slice(const Bytes& bytes, size_t from, size_t count) {
-  if (from >= bytes.size()) return {};
-  return Bytes(bytes.begin() + from, bytes.begin() + std::min(bytes.size(), from + count));
-}
-
 inline Bytes Concat(Bytes first, const Bytes& second) {
   first.insert(first.end(), second.begin(), second.end());
   return first;
@@ -102,19 +97,12 @@ class FaultyStream : public IStream {
     m_failAt[op] = m_calls[op] + n;
     m_failure[op] = failure;
   }
-  // From now on every Read hands out at most maxBytes and answers reported.
-  void CutReads(ULONG maxBytes, HRESULT reported = S_OK) {
-    m_readLimit = maxBytes;
-    m_cutReadResult = reported;
-  }
   // From now on a Read that finds fewer bytes than asked answers failure, as a
   // stream that reports truncation does.
   void FailShortReads(HRESULT failure) { m_shortReadFailure = failure; }
 
-  int Calls(Op op) const { return m_calls[op]; }
   IStream* Inner() const { return m_inner.get(); }
   ULONGLONG Position() const { return PositionOf(Inner()); }
-  Bytes Content() const { return ContentOf(Inner()); }
   LONG References() const { return m_refs; }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
@@ -132,14 +120,11 @@ class FaultyStream : public IStream {
   STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
     HRESULT failure;
     if (Fails(kRead, &failure)) return failure;
-    const ULONG asked = cb;
-    const bool cut = cb > m_readLimit;
     ULONG got = 0;
-    const HRESULT hr = m_inner->Read(pv, cut ? m_readLimit : cb, &got);
+    const HRESULT hr = m_inner->Read(pv, cb, &got);
     if (pcbRead) *pcbRead = got;
     if (FAILED(hr)) return hr;
-    if (got < asked && FAILED(m_shortReadFailure)) return m_shortReadFailure;
-    return cut ? m_cutReadResult : hr;
+    return got < cb && FAILED(m_shortReadFailure) ? m_shortReadFailure : hr;
   }
   STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
     HRESULT failure;
@@ -181,8 +166,6 @@ class FaultyStream : public IStream {
   int m_calls[kOps] = {};
   int m_failAt[kOps] = {};
   HRESULT m_failure[kOps] = {};
-  ULONG m_readLimit = ~0ul;
-  HRESULT m_cutReadResult = S_OK;
   HRESULT m_shortReadFailure = S_OK;
 };
 
