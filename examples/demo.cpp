@@ -1,12 +1,14 @@
 // A client of XKComBsD, end to end: it loads the library, asks for its version,
 // takes a BSTR through the string functions and back, registers the library
-// with regsvr32, reads a class name back from the registry, unregisters it
+// with regsvr32, reads a class name back from the registry, uses an enumerator
+// and a property bag made by their ProgIDs, unregisters it
 // again, and shows the trace lines the library and its base library write to
 // the debugger output while it is loaded and unloaded.
 #include <xkcombsd/Collections.h>
 #include <xkcombsd/Guids.h>
 #include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Module.h>
+#include <xkcombsd/PropertyBag.h>
 #include <xkcombsd/Strings.h>
 
 #include <cstdio>
@@ -29,8 +31,10 @@ Fn Export(HMODULE library, const char* name) {
 std::string Utf8(BSTR text) {
   if (!text) return "(none)";
   const int length = static_cast<int>(SysStringLen(text));
-  std::string out(WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], static_cast<int>(out.size()), nullptr, nullptr);
+  std::string out(WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr),
+                  '\0');
+  WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], static_cast<int>(out.size()), nullptr,
+                      nullptr);
   return out;
 }
 
@@ -56,8 +60,7 @@ void BstrRoundTrip(HMODULE library) {
               compare(text, copy));
   destroy(&copy);
   destroy(&text);
-  std::printf("BSTR_Destroy: both freed, pointers now %s\n",
-              !text && !copy ? "NULL" : "still set");
+  std::printf("BSTR_Destroy: both freed, pointers now %s\n", !text && !copy ? "NULL" : "still set");
 
   BSTR message = fromError(ERROR_FILE_NOT_FOUND);
   std::printf("BSTR_FromWin32Error(2): \"%s\"\n", Utf8(message).c_str());
@@ -65,7 +68,8 @@ void BstrRoundTrip(HMODULE library) {
 }
 
 // EnumGUID, one of the classes the library registers.
-constexpr CLSID kEnumGUID = {0x00517663, 0x0002, 0x0011, {0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64}};
+constexpr CLSID kEnumGUID = {
+    0x00517663, 0x0002, 0x0011, {0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64}};
 
 void Regsvr32(const char* options, const std::string& library) {
   const std::string command = std::string("regsvr32.exe /s ") + options + "\"" + library + "\"";
@@ -76,8 +80,9 @@ void ShowClassName(decltype(&CoReg_GetClassNameA) getClassName) {
   char name[64] = "";
   DWORD cch = sizeof name;
   const HRESULT hr = getClassName(kEnumGUID, name, &cch);
-  std::printf("CoReg_GetClassNameA(EnumGUID): 0x%08lX, \"%s\", %lu characters with the terminator\n",
-              hr, name, cch);
+  std::printf(
+      "CoReg_GetClassNameA(EnumGUID): 0x%08lX, \"%s\", %lu characters with the terminator\n", hr,
+      name, cch);
 }
 
 // A GUID to its registry text and back.
@@ -93,18 +98,24 @@ void GuidRoundTrip(HMODULE library) {
               parsed, IsEqualGUID(back, kEnumGUID) ? "the same GUID" : "a different GUID");
 }
 
-// A registered class made by its ProgID, as any COM client would: an
+// An object of a registered class made by its ProgID, as any COM client makes one.
+template <class T>
+HRESULT CreateByProgID(const wchar_t* progID, REFIID iid, T** object) {
+  CLSID clsid;
+  HRESULT hr = CLSIDFromProgID(progID, &clsid);
+  if (SUCCEEDED(hr))
+    hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, iid,
+                          reinterpret_cast<void**>(object));
+  std::printf("CoCreateInstance(\"%ls\"): 0x%08lX\n", progID, hr);
+  return hr;
+}
+
+// A registered class made by its ProgID: an
 // EnumString filled through its collection face and listed through its
 // enumerator face.
 void ListEnumStringByProgID() {
-  CLSID clsid;
-  HRESULT hr = CLSIDFromProgID(L"QuorvelSoftware.EnumString", &clsid);
   ICollString* collection = nullptr;
-  if (SUCCEEDED(hr))
-    hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_ICollString,
-                          reinterpret_cast<void**>(&collection));
-  std::printf("CoCreateInstance(\"QuorvelSoftware.EnumString\"): 0x%08lX\n", hr);
-  if (FAILED(hr)) return;
+  if (FAILED(CreateByProgID(L"QuorvelSoftware.EnumString", IID_ICollString, &collection))) return;
   const LPCOLESTR items[] = {L"alpha", L"beta", L"gamma"};
   collection->Add(items, 3);
   IEnumString* names = nullptr;
@@ -121,6 +132,56 @@ void ListEnumStringByProgID() {
   CoFreeUnusedLibrariesEx(0, 0);
 }
 
+// The warning a bag leaves as the thread's error information.
+void ShowWarning() {
+  IErrorInfo* info = nullptr;
+  if (GetErrorInfo(0, &info) != S_OK) return;
+  BSTR description = nullptr;
+  info->GetDescription(&description);
+  std::printf("  warning: \"%s\"\n", Utf8(description).c_str());
+  SysFreeString(description);
+  info->Release();
+}
+
+// A property bag made by its ProgID: values of three types written, one read
+// back as text, the names listed, and the warning a duplicate name leaves.
+void UsePropertyBagByProgID() {
+  IPropertyBag* bag = nullptr;
+  if (FAILED(CreateByProgID(L"QuorvelSoftware.PropertyBag", IID_IPropertyBag, &bag))) return;
+  VARIANT width, title, ratio;
+  V_VT(&width) = VT_I4, V_I4(&width) = 640;
+  V_VT(&title) = VT_BSTR, V_BSTR(&title) = SysAllocString(L"Preview");
+  V_VT(&ratio) = VT_R8, V_R8(&ratio) = 1.5;
+  bag->Write(L"Width", &width);
+  bag->Write(L"Title", &title);
+  bag->Write(L"Ratio", &ratio);
+  VARIANT asText;
+  V_VT(&asText) = VT_BSTR, V_BSTR(&asText) = nullptr;
+  const HRESULT hr = bag->Read(L"Width", &asText, nullptr);
+  std::printf("  Read(\"Width\") as VT_BSTR: 0x%08lX \"%s\"\n", hr, Utf8(V_BSTR(&asText)).c_str());
+  IPropertyBagEdit* edit = nullptr;
+  bag->QueryInterface(IID_IPropertyBagEdit, reinterpret_cast<void**>(&edit));
+  IEnumString* names = nullptr;
+  if (edit && SUCCEEDED(edit->_NewEnum(&names))) {
+    LPOLESTR name = nullptr;
+    while (names->Next(1, &name, nullptr) == S_OK) {
+      std::printf("  property: %ls\n", name);
+      CoTaskMemFree(name);
+    }
+    names->Release();
+  }
+  if (edit) {
+    std::printf("  Add(\"Width\") again: 0x%08lX\n",
+                edit->Add(const_cast<LPWSTR>(L"Width"), &width));
+    ShowWarning();
+    edit->Release();
+  }
+  VariantClear(&asText);
+  VariantClear(&title);
+  bag->Release();
+  CoFreeUnusedLibrariesEx(0, 0);
+}
+
 // The library registers itself under regsvr32; the client reads the name of
 // one of its classes back from the registry and makes one of its classes by
 // ProgID, then unregisters it again.
@@ -132,6 +193,7 @@ void ShowRegistration(HMODULE library) {
   Regsvr32("", file);
   ShowClassName(getClassName);
   ListEnumStringByProgID();
+  UsePropertyBagByProgID();
   Regsvr32("/u ", file);
   ShowClassName(getClassName);
 }
