@@ -2,51 +2,45 @@
 #include <gmock/gmock.h>
 #include <xkcombsd/Persist.h>
 
-#include "HResult.h"
 #include "ComTest.h"
+#include "HResult.h"
 #include "TestStreams.h"
 
 namespace {
 
 using xktest::Bytes;
 using xktest::ComRef;
+using xktest::Concat;
+using xktest::LittleEndian32;
 
 const Bytes kEmptyVariant(16, 0);
-
-Bytes VariantI4(unsigned char value) {
-  Bytes record(16, 0);
-  record[0] = VT_I4;
-  record[8] = value;
-  return record;
-}
 
 using PropertyRecordsTest = xktest::ComTest<>;
 
 TEST_F(PropertyRecordsTest, NamesArePaddedToFourBytesAndLoadBack) {
   VARIANT i4 = {};  // the record carries all 8 value bytes
-  V_VT(&i4) = VT_I4;
-  V_I4(&i4) = 42;
-  struct Row {
-    const wchar_t *name;
-    const VARIANT *value;
+  VARIANT_InitI4(&i4, 42);
+  const Bytes i4Record = {VT_I4, 0, 0, 0, 0, 0, 0, 0, 42, 0, 0, 0, 0, 0, 0, 0};
+  const struct {
+    const wchar_t* name;
+    const VARIANT* value;
     Bytes record;
   } rows[] = {
-      {L"a", nullptr, Bytes{4, 0, 0, 0, 'a', 0, 0, 0}},
-      {L"ab", nullptr, Bytes{4, 0, 0, 0, 'a', 0, 'b', 0}},
-      {L"abc", &i4, Bytes{8, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0}},
-      {L"abcd", nullptr, Bytes{8, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 'd', 0}},
+      {L"a", nullptr, {4, 0, 0, 0, 'a', 0, 0, 0}},
+      {L"ab", nullptr, {4, 0, 0, 0, 'a', 0, 'b', 0}},
+      {L"abc", &i4, {8, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0}},
+      {L"abcd", nullptr, {8, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 'd', 0}},
   };
-  for (const Row &row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(row.name)));
     ComRef<IStream> stream(xktest::NewMemoryStream());
     ASSERT_HR(S_OK, Property_SaveToStream(stream.get(), row.name, row.value));
-    const Bytes expected = xktest::Concat(row.record, row.value ? VariantI4(42) : kEmptyVariant);
+    const Bytes expected = Concat(row.record, row.value ? i4Record : kEmptyVariant);
     EXPECT_EQ(expected, xktest::ContentOf(stream.get()));
 
     xktest::SeekTo(stream.get(), 0);
     LPOLESTR name = nullptr;
-    VARIANT value;
-    VariantInit(&value);
+    VARIANT value = {};
     ASSERT_HR(S_OK, Property_LoadFromStream(stream.get(), &name, &value));
     EXPECT_EQ(std::wstring(row.name), name);
     EXPECT_EQ(row.value ? VT_I4 : VT_EMPTY, V_VT(&value));
@@ -90,26 +84,20 @@ TEST_F(PropertyRecordsTest, AFailedWritePutsThePositionBack) {
 // cannot back; the position goes back, and a name block already handed out is
 // the caller's to free.
 TEST_F(PropertyRecordsTest, HostileNameLengthsFailPromptlyAndPutThePositionBack) {
-  const HRESULT kInvalid = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
-  struct Row {
-    const char *what;
-    Bytes record;
-    HRESULT expected;
-  } rows[] = {
-      {"length 0", xktest::Concat(xktest::LittleEndian32(0), kEmptyVariant), kInvalid},
-      {"odd length", xktest::Concat(xktest::LittleEndian32(5), Bytes(21, 0)), kInvalid},
-      {"length past the stream", xktest::Concat(xktest::LittleEndian32(0x7FFFFFF0), Bytes(8, 'x')),
-       kInvalid},
-      {"length 0xFFFFFFFE", xktest::LittleEndian32(0xFFFFFFFE), kInvalid},
-      {"cut length", Bytes{1, 0}, kInvalid},  // short reads give zeros: length 1
+  const std::pair<const char*, Bytes> rows[] = {
+      {"length 0", Concat(LittleEndian32(0), kEmptyVariant)},
+      {"odd length", Concat(LittleEndian32(5), Bytes(21, 0))},
+      {"length past the stream", Concat(LittleEndian32(0x7FFFFFF0), Bytes(8, 'x'))},
+      {"length 0xFFFFFFFE", LittleEndian32(0xFFFFFFFE)},
+      {"cut length", {1, 0}},  // short reads give zeros: length 1
   };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.what);
-    ComRef<IStream> stream(xktest::NewMemoryStream(row.record));
+  for (const auto& [what, record] : rows) {
+    SCOPED_TRACE(what);
+    ComRef<IStream> stream(xktest::NewMemoryStream(record));
     LPOLESTR name = nullptr;
-    VARIANT value;
-    VariantInit(&value);
-    EXPECT_HR(row.expected, Property_LoadFromStream(stream.get(), &name, &value));
+    VARIANT value = {};
+    EXPECT_HR(HRESULT_FROM_WIN32(ERROR_INVALID_DATA),
+              Property_LoadFromStream(stream.get(), &name, &value));
     EXPECT_EQ(0u, xktest::PositionOf(stream.get()));
     EXPECT_EQ(VT_EMPTY, V_VT(&value));
     CoTaskMemFree(name);

@@ -14,12 +14,10 @@ constexpr DWORD kPrintExceptionWide = 0x4001000A;  // DBG_PRINTEXCEPTION_WIDE_C
 
 std::atomic<DebugOutputCapture*> g_active{nullptr};
 
-std::string Utf8(const wchar_t* text, size_t length) {
-  if (!length) return {};
-  const int n = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), nullptr, 0,
-                                    nullptr, nullptr);
-  std::string out(n, '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(length), out.data(), n, nullptr, nullptr);
+std::string Narrow(const wchar_t* text, size_t length, UINT codePage = CP_UTF8) {
+  const int cch = static_cast<int>(length);
+  std::string out(WideCharToMultiByte(codePage, 0, text, cch, nullptr, 0, nullptr, nullptr), '\0');
+  WideCharToMultiByte(codePage, 0, text, cch, out.data(), int(out.size()), nullptr, nullptr);
   return out;
 }
 
@@ -29,8 +27,33 @@ std::string TextOf(const EXCEPTION_RECORD& record) {
   const ULONG_PTR text = record.ExceptionInformation[1];
   if (!text || !length) return {};
   if (record.ExceptionCode == kPrintExceptionWide)
-    return Utf8(reinterpret_cast<const wchar_t*>(text), length - 1);
+    return Narrow(reinterpret_cast<const wchar_t*>(text), length - 1);
   return std::string(reinterpret_cast<const char*>(text), length - 1);
+}
+
+// One entry of the family's assertion reporter: "file(line): assertion failed: expression\n".
+bool ParseAssertion(const std::string& line, AssertionReport* report) {
+  const size_t marker = line.find(xkcmnbad::kAssertionMarker);
+  if (marker == std::string::npos || line.back() != '\n') return false;
+  const size_t open = line.rfind('(', marker);
+  if (open == std::string::npos) return false;
+  report->file = line.substr(0, open);
+  report->line = std::atoi(line.c_str() + open + 1);
+  const size_t text = marker + std::strlen(xkcmnbad::kAssertionMarker);
+  report->expression = line.substr(text, line.size() - 1 - text);
+  return true;
+}
+
+// The text a debuggee passed, narrow or wide, up to its first terminator.
+std::string ReadDebuggeeString(HANDLE process, const OUTPUT_DEBUG_STRING_INFO& info) {
+  const size_t unit = info.fUnicode ? sizeof(wchar_t) : 1;
+  std::string raw(info.nDebugStringLength * unit, '\0');
+  SIZE_T read = 0;
+  ReadProcessMemory(process, info.lpDebugStringData, raw.data(), raw.size(), &read);
+  raw.resize(read);
+  if (!info.fUnicode) return raw.substr(0, strnlen(raw.c_str(), read));
+  const auto* wide = reinterpret_cast<const wchar_t*>(raw.data());
+  return Narrow(wide, wcsnlen(wide, read / unit));
 }
 
 }  // namespace
@@ -53,14 +76,12 @@ LONG CALLBACK DebugOutputCapture::Handler(EXCEPTION_POINTERS* info) {
   const EXCEPTION_RECORD& record = *info->ExceptionRecord;
   if (record.ExceptionCode != kPrintException && record.ExceptionCode != kPrintExceptionWide)
     return EXCEPTION_CONTINUE_SEARCH;
-  if (DebugOutputCapture* capture = g_active.load()) capture->Record(TextOf(record));
+  if (DebugOutputCapture* capture = g_active.load()) {
+    std::lock_guard<std::mutex> lock(capture->m_mutex);
+    capture->m_lines.push_back(TextOf(record));
+  }
   // Handled here: the call returns without falling back to the narrow form.
   return EXCEPTION_CONTINUE_EXECUTION;
-}
-
-void DebugOutputCapture::Record(std::string text) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_lines.push_back(std::move(text));
 }
 
 std::vector<std::string> DebugOutputCapture::Lines() const {
@@ -87,58 +108,17 @@ void DebugOutputCapture::Clear() {
   m_lines.clear();
 }
 
-bool ParseAssertion(const std::string& line, AssertionReport* report) {
-  const size_t marker = line.find(xkcmnbad::kAssertionMarker);
-  if (marker == std::string::npos || line.empty() || line.back() != '\n') return false;
-  const size_t open = line.rfind('(', marker);
-  if (open == std::string::npos) return false;
-  report->file = line.substr(0, open);
-  report->line = std::atoi(line.c_str() + open + 1);
-  const size_t text = marker + std::strlen(xkcmnbad::kAssertionMarker);
-  report->expression = line.substr(text, line.size() - 1 - text);
-  return true;
-}
-
-namespace {
-
-std::string ReadDebuggeeString(HANDLE process, const OUTPUT_DEBUG_STRING_INFO& info) {
-  const size_t length = info.nDebugStringLength;
-  if (!length) return {};
-  if (info.fUnicode) {
-    std::wstring text(length, L'\0');
-    SIZE_T read = 0;
-    ReadProcessMemory(process, info.lpDebugStringData, text.data(), length * sizeof(wchar_t), &read);
-    text.resize(wcsnlen(text.c_str(), read / sizeof(wchar_t)));
-    return Utf8(text.c_str(), text.size());
-  }
-  std::string text(length, '\0');
-  SIZE_T read = 0;
-  ReadProcessMemory(process, info.lpDebugStringData, text.data(), length, &read);
-  text.resize(strnlen(text.c_str(), read));
-  return text;
-}
-
-void CloseEventHandles(const DEBUG_EVENT& event) {
-  if (event.dwDebugEventCode == CREATE_PROCESS_DEBUG_EVENT && event.u.CreateProcessInfo.hFile)
-    CloseHandle(event.u.CreateProcessInfo.hFile);
-  if (event.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT && event.u.LoadDll.hFile)
-    CloseHandle(event.u.LoadDll.hFile);
-}
-
-}  // namespace
-
-DebuggeeRun RunUnderDebugger(const std::wstring& commandLine, DWORD timeoutMs) {
+DebuggeeRun RunUnderDebugger(std::wstring commandLine, DWORD timeoutMs) {
   DebuggeeRun run;
   STARTUPINFOW startup = {sizeof startup};
   PROCESS_INFORMATION process = {};
-  std::wstring mutableLine = commandLine;
-  if (!CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, FALSE,
-                      DEBUG_ONLY_THIS_PROCESS, nullptr, nullptr, &startup, &process))
+  if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS,
+                      nullptr, nullptr, &startup, &process))
     return run;
 
   const ULONGLONG deadline = GetTickCount64() + timeoutMs;
   DEBUG_EVENT event;
-  while (GetTickCount64() < deadline) {
+  while (!run.finished && GetTickCount64() < deadline) {
     if (!WaitForDebugEvent(&event, 250)) continue;
     DWORD status = DBG_CONTINUE;
     switch (event.dwDebugEventCode) {
@@ -153,12 +133,14 @@ DebuggeeRun RunUnderDebugger(const std::wstring& commandLine, DWORD timeoutMs) {
         run.exitCode = event.u.ExitProcess.dwExitCode;
         run.finished = true;
         break;
-      default:
-        CloseEventHandles(event);
+      case CREATE_PROCESS_DEBUG_EVENT:  // the debugger owns these file handles
+        CloseHandle(event.u.CreateProcessInfo.hFile);
+        break;
+      case LOAD_DLL_DEBUG_EVENT:
+        CloseHandle(event.u.LoadDll.hFile);
         break;
     }
     ContinueDebugEvent(event.dwProcessId, event.dwThreadId, status);
-    if (run.finished) break;
   }
   if (!run.finished) TerminateProcess(process.hProcess, 1);
   CloseHandle(process.hThread);
@@ -166,11 +148,10 @@ DebuggeeRun RunUnderDebugger(const std::wstring& commandLine, DWORD timeoutMs) {
   return run;
 }
 
-DWORD RunToEnd(const std::string& commandLine, DWORD timeoutMs) {
+DWORD RunToEnd(std::string commandLine, DWORD timeoutMs) {
   STARTUPINFOA startup = {sizeof startup};
   PROCESS_INFORMATION process = {};
-  std::string mutableLine = commandLine;
-  if (!CreateProcessA(nullptr, mutableLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+  if (!CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
                       &startup, &process))
     return kNotRun;
   DWORD exitCode = kNotRun;
@@ -185,16 +166,14 @@ DWORD RunToEnd(const std::string& commandLine, DWORD timeoutMs) {
 
 std::wstring ExecutableDirectoryW() {
   wchar_t path[MAX_PATH];
-  const DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-  std::wstring dir(path, n);
-  return dir.substr(0, dir.find_last_of(L"\\/"));
+  const std::wstring file(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+  return file.substr(0, file.find_last_of(L"\\/"));
 }
 
+// The same directory in the ANSI code page, as the narrow system functions take it.
 std::string ExecutableDirectoryA() {
-  char path[MAX_PATH];
-  const DWORD n = GetModuleFileNameA(nullptr, path, MAX_PATH);
-  std::string dir(path, n);
-  return dir.substr(0, dir.find_last_of("\\/"));
+  const std::wstring directory = ExecutableDirectoryW();
+  return Narrow(directory.c_str(), directory.size(), CP_ACP);
 }
 
 }  // namespace xktest

@@ -41,15 +41,11 @@ class DebugOutputCapture {
 
  private:
   static LONG CALLBACK Handler(EXCEPTION_POINTERS* info);
-  void Record(std::string text);
 
   void* m_handler = nullptr;
   mutable std::mutex m_mutex;
   std::vector<std::string> m_lines;  // (m_mutex)
 };
-
-// Parses one debugger-output entry as an assertion report.
-bool ParseAssertion(const std::string& line, AssertionReport* report);
 
 // The debugger output of a child process run to its end under the Win32
 // debugging interface, which also sees what its DLLs write before main and
@@ -59,12 +55,12 @@ struct DebuggeeRun {
   bool finished = false;
   std::vector<std::string> output;
 };
-DebuggeeRun RunUnderDebugger(const std::wstring& commandLine, DWORD timeoutMs);
+DebuggeeRun RunUnderDebugger(std::wstring commandLine, DWORD timeoutMs);
 
 // The exit code of a child process run to its end (no debugger); kNotRun when
 // it could not be started or had to be ended after timeoutMs.
 constexpr DWORD kNotRun = 0xFFFFFFFF;
-DWORD RunToEnd(const std::string& commandLine, DWORD timeoutMs);
+DWORD RunToEnd(std::string commandLine, DWORD timeoutMs);
 
 // The directory of the running test executable, where the DLLs are too.
 std::string ExecutableDirectoryA();

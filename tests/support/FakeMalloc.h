@@ -1,11 +1,8 @@
-// An IMalloc a test hands in: counts its references and calls, keeps its blocks
-// on the task allocator, and answers DidAlloc and GetSize as the test chooses
-// (by default: "cannot tell", and the task allocator's own size).
+// An IMalloc a test hands in: counts its references and calls and keeps its
+// blocks on the task allocator; DidAlloc cannot tell which blocks are its own.
 #pragma once
 
 #include <objbase.h>
-
-#include <optional>
 
 namespace xktest {
 
@@ -33,34 +30,20 @@ class FakeMalloc : public IMalloc {
   }
   STDMETHODIMP_(SIZE_T) GetSize(void* pv) override {
     ++calls;
-    asked = pv;
-    return size ? *size : TaskAllocatorSize(pv);
-  }
-  STDMETHODIMP_(int) DidAlloc(void* pv) override {
-    ++calls;
-    asked = pv;
-    return didAlloc;
-  }
-  STDMETHODIMP_(void) HeapMinimize() override {
-    ++calls;
-    ++minimised;
-  }
-
-  ULONG refs = 1;
-  int calls = 0;
-  int minimised = 0;
-  void* asked = nullptr;          // the block of the last DidAlloc or GetSize
-  int didAlloc = -1;              // DidAlloc's answer
-  std::optional<SIZE_T> size;     // GetSize's answer; unset: the task allocator's
-
- private:
-  static SIZE_T TaskAllocatorSize(void* pv) {
-    IMalloc* task = nullptr;
+    IMalloc* task = nullptr;  // the blocks are the task allocator's: it knows their size
     if (FAILED(CoGetMalloc(MEMCTX_TASK, &task))) return 0;
     const SIZE_T cb = task->GetSize(pv);
     task->Release();
     return cb;
   }
+  STDMETHODIMP_(int) DidAlloc(void*) override {
+    ++calls;
+    return -1;  // cannot tell
+  }
+  STDMETHODIMP_(void) HeapMinimize() override { ++calls; }
+
+  ULONG refs = 1;
+  int calls = 0;
 };
 
 }  // namespace xktest

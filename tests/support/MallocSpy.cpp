@@ -2,6 +2,7 @@
 
 #include <map>
 #include <mutex>
+#include <tuple>
 
 namespace xktest {
 
@@ -20,32 +21,21 @@ class ProcessSpy : public IMallocSpy {
     static ProcessSpy* spy = [] {
       auto* created = new ProcessSpy;  // never freed: the platform may keep calling it
       created->m_registered = SUCCEEDED(CoRegisterMallocSpy(created));
-      StopCachingBstrs();
+      // Off with the BSTR cache (see the header); the library stays loaded.
+      if (auto stop = reinterpret_cast<void(WINAPI*)()>(reinterpret_cast<void*>(
+              GetProcAddress(LoadLibraryW(L"oleaut32.dll"), "SetOaNoCache"))))
+        stop();
       return created;
     }();
     return *spy;
   }
 
-  // The automation library keeps freed BSTRs for reuse instead of returning them
-  // to the task allocator; without that cache every BSTR is a task block the
-  // spy sees allocated and freed, so a leaked BSTR shows as outstanding.
-  static void StopCachingBstrs() {
-    if (HMODULE oleaut32 =
-            LoadLibraryW(L"oleaut32.dll"))  // kept: BSTRs live as long as the process
-      if (auto stop = reinterpret_cast<void(WINAPI*)()>(
-              reinterpret_cast<void*>(GetProcAddress(oleaut32, "SetOaNoCache"))))
-        stop();
-  }
-
   bool registered() const { return m_registered; }
 
-  std::uint64_t NextBlockSerial() {
+  // The serials the next block and the next request will get.
+  std::pair<std::uint64_t, std::uint64_t> NextSerials() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_nextBlock;
-  }
-  std::uint64_t NextRequestSerial() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_requests.size();
+    return {m_nextBlock, m_requests.size()};
   }
   long BlocksSince(std::uint64_t serial) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -61,14 +51,10 @@ class ProcessSpy : public IMallocSpy {
     return sizes;
   }
 
+  // Never freed, so references are not counted.
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (iid == IID_IUnknown || iid == IID_IMallocSpy) {
-      *ppv = static_cast<IMallocSpy*>(this);
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
+    *ppv = iid == IID_IUnknown || iid == IID_IMallocSpy ? static_cast<IMallocSpy*>(this) : nullptr;
+    return *ppv ? S_OK : E_NOINTERFACE;
   }
   STDMETHODIMP_(ULONG) AddRef() override { return 2; }
   STDMETHODIMP_(ULONG) Release() override { return 1; }
@@ -108,13 +94,9 @@ class ProcessSpy : public IMallocSpy {
   }
   STDMETHODIMP_(void*) PostRealloc(void* pActual, BOOL) override {
     std::lock_guard<std::mutex> lock(m_mutex);
-    // Success moves the block; failure leaves it where it was.
-    if (pActual) {
-      auto found = m_blocks.find(m_reallocSource);
-      const std::uint64_t serial = found != m_blocks.end() ? found->second : m_nextBlock++;
-      if (found != m_blocks.end()) m_blocks.erase(found);
-      m_blocks[pActual] = serial;
-    }
+    if (!pActual) return pActual;                    // failure leaves the block where it was
+    auto moved = m_blocks.extract(m_reallocSource);  // empty for a Realloc of NULL
+    m_blocks[pActual] = moved ? moved.mapped() : m_nextBlock++;
     return pActual;
   }
   STDMETHODIMP_(void*) PreGetSize(void* pRequest, BOOL) override { return pRequest; }
@@ -136,9 +118,9 @@ class ProcessSpy : public IMallocSpy {
 
 }  // namespace
 
-MallocSpy::MallocSpy()
-    : m_blockStart(ProcessSpy::Instance().NextBlockSerial()),
-      m_requestStart(ProcessSpy::Instance().NextRequestSerial()) {}
+MallocSpy::MallocSpy() {
+  std::tie(m_blockStart, m_requestStart) = ProcessSpy::Instance().NextSerials();
+}
 
 bool MallocSpy::Registered() const { return ProcessSpy::Instance().registered(); }
 
@@ -152,7 +134,7 @@ std::vector<SIZE_T> MallocSpy::ReallocRequests() const {
   return ProcessSpy::Instance().RequestsSince(m_requestStart, true);
 }
 
-void MallocSpy::ClearRequests() { m_requestStart = ProcessSpy::Instance().NextRequestSerial(); }
+void MallocSpy::ClearRequests() { m_requestStart = ProcessSpy::Instance().NextSerials().second; }
 
 TaskAllocatorRefusal::TaskAllocatorRefusal() { ProcessSpy::Instance().SetRefusing(true); }
 TaskAllocatorRefusal::~TaskAllocatorRefusal() { ProcessSpy::Instance().SetRefusing(false); }

@@ -32,10 +32,8 @@ inline std::optional<std::string> StringValue(HKEY root, const std::string& path
                                               const char* name = nullptr) {
   char data[2048];
   DWORD cb = sizeof data;
-  DWORD type = 0;
-  if (RegGetValueA(root, path.c_str(), name, RRF_RT_ANY | RRF_NOEXPAND, &type, data, &cb) !=
-          ERROR_SUCCESS ||
-      type != REG_SZ)
+  if (RegGetValueA(root, path.c_str(), name, RRF_RT_REG_SZ | RRF_NOEXPAND, nullptr, data, &cb) !=
+      ERROR_SUCCESS)
     return std::nullopt;
   return std::string(data, cb ? cb - 1 : 0);
 }
@@ -107,7 +105,7 @@ class KeyTreeCleanup {
 
  private:
   void Remove() {
-    for (const std::string& path : m_paths) RegDeleteTreeA(m_root, path.c_str());
+    for (auto& path : m_paths) RegDeleteTreeA(m_root, path.c_str());
   }
   HKEY m_root;
   std::vector<std::string> m_paths;

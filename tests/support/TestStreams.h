@@ -1,7 +1,7 @@
 // Streams for record tests: the platform's memory stream with helpers to fill
 // and inspect it, and FaultyStream, which wraps one and fails on demand (the Nth
-// Read, Write, Seek or Stat) or fails a short read, so that every failure path of
-// a record function can be reached. Header-only.
+// Read or Write) or fails a short read, so that every failure path of a record
+// function can be reached. Header-only.
 #pragma once
 
 #include <objbase.h>
@@ -38,16 +38,6 @@ class ComRef {
   T* m_p = nullptr;
 };
 
-// A platform memory stream holding content, positioned at its start.
-inline IStream* NewMemoryStream(const Bytes& content = {}) {
-  IStream* stream = nullptr;
-  if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &stream))) return nullptr;
-  if (!content.empty()) stream->Write(content.data(), static_cast<ULONG>(content.size()), nullptr);
-  LARGE_INTEGER start = {};
-  stream->Seek(start, STREAM_SEEK_SET, nullptr);
-  return stream;
-}
-
 inline ULONGLONG PositionOf(IStream* stream) {
   LARGE_INTEGER zero = {};
   ULARGE_INTEGER here = {};
@@ -59,6 +49,15 @@ inline void SeekTo(IStream* stream, ULONGLONG position) {
   LARGE_INTEGER to;
   to.QuadPart = static_cast<LONGLONG>(position);
   stream->Seek(to, STREAM_SEEK_SET, nullptr);
+}
+
+// A platform memory stream holding content, positioned at its start.
+inline IStream* NewMemoryStream(const Bytes& content = {}) {
+  IStream* stream = nullptr;
+  if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &stream))) return nullptr;
+  if (!content.empty()) stream->Write(content.data(), static_cast<ULONG>(content.size()), nullptr);
+  SeekTo(stream, 0);
+  return stream;
 }
 
 // Everything a memory stream holds, whatever its position.
@@ -86,10 +85,9 @@ inline Bytes LittleEndian32(unsigned long value) {
 
 class FaultyStream : public IStream {
  public:
-  enum Op { kRead, kWrite, kSeek, kStat, kOps };
+  enum Op { kRead, kWrite, kOps };
 
   explicit FaultyStream(const Bytes& content = {}) : m_inner(NewMemoryStream(content)) {}
-  virtual ~FaultyStream() = default;
 
   // The nth call of op from now on (1 = the next) answers failure without
   // reaching the memory stream.
@@ -118,8 +116,7 @@ class FaultyStream : public IStream {
   STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--m_refs); }
 
   STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
-    HRESULT failure;
-    if (Fails(kRead, &failure)) return failure;
+    if (const HRESULT failure = Failure(kRead); FAILED(failure)) return failure;
     ULONG got = 0;
     const HRESULT hr = m_inner->Read(pv, cb, &got);
     if (pcbRead) *pcbRead = got;
@@ -127,20 +124,13 @@ class FaultyStream : public IStream {
     return got < cb && FAILED(m_shortReadFailure) ? m_shortReadFailure : hr;
   }
   STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
-    HRESULT failure;
-    if (Fails(kWrite, &failure)) return failure;
+    if (const HRESULT failure = Failure(kWrite); FAILED(failure)) return failure;
     return m_inner->Write(pv, cb, pcbWritten);
   }
   STDMETHODIMP Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* newPosition) override {
-    HRESULT failure;
-    if (Fails(kSeek, &failure)) return failure;
     return m_inner->Seek(move, origin, newPosition);
   }
-  STDMETHODIMP Stat(STATSTG* stat, DWORD flags) override {
-    HRESULT failure;
-    if (Fails(kStat, &failure)) return failure;
-    return m_inner->Stat(stat, flags);
-  }
+  STDMETHODIMP Stat(STATSTG* stat, DWORD flags) override { return m_inner->Stat(stat, flags); }
   STDMETHODIMP SetSize(ULARGE_INTEGER size) override { return m_inner->SetSize(size); }
   STDMETHODIMP CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
     return E_NOTIMPL;
@@ -155,11 +145,8 @@ class FaultyStream : public IStream {
   }
 
  private:
-  bool Fails(Op op, HRESULT* failure) {
-    if (++m_calls[op] != m_failAt[op]) return false;
-    *failure = m_failure[op];
-    return true;
-  }
+  // Counts the call; the failure it is to answer, or S_OK.
+  HRESULT Failure(Op op) { return ++m_calls[op] == m_failAt[op] ? m_failure[op] : S_OK; }
 
   ComRef<IStream> m_inner;
   LONG m_refs = 1;
