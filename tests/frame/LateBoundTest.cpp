@@ -29,21 +29,3 @@ TEST(LateBound, TextFunctionsAnswerAsTheSystemOnes) {
   EXPECT_EQ(static_cast<ULONG_PTR>(L'Q'),
             reinterpret_cast<ULONG_PTR>(LB_CharUpperW(reinterpret_cast<LPWSTR>(L'q'))));
 }
-
-TEST(LateBound, KeyFunctionsAnswerAsTheSystemOnes) {
-  DWORD counts[3][2] = {};  // sub-keys and values: the system's, narrow, wide
-  RegQueryInfoKeyA(HKEY_LOCAL_MACHINE, nullptr, nullptr, nullptr, &counts[0][0], nullptr, nullptr,
-                   &counts[0][1], nullptr, nullptr, nullptr, nullptr);
-  EXPECT_EQ(ERROR_SUCCESS, LB_RegQueryInfoKeyA(HKEY_LOCAL_MACHINE, nullptr, nullptr, nullptr,
-                                               &counts[1][0], nullptr, nullptr, &counts[1][1],
-                                               nullptr, nullptr, nullptr, nullptr));
-  EXPECT_EQ(ERROR_SUCCESS, LB_RegQueryInfoKeyW(HKEY_LOCAL_MACHINE, nullptr, nullptr, nullptr,
-                                               &counts[2][0], nullptr, nullptr, &counts[2][1],
-                                               nullptr, nullptr, nullptr, nullptr));
-  EXPECT_NE(0u, counts[0][0]);
-  EXPECT_THAT(counts, ::testing::Each(::testing::ElementsAreArray(counts[0])));
-  const HKEY bogus = reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x1234));
-  const LONG system = RegCloseKey(bogus);
-  EXPECT_NE(ERROR_SUCCESS, system);
-  EXPECT_EQ(system, LB_RegCloseKey(bogus)) << "the system's own code, passed on";
-}

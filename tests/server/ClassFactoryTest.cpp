@@ -2,8 +2,8 @@
 // over rows of this suite (the library's real rows come with their classes).
 #include <gmock/gmock.h>
 
-#include <functional>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "DebugOutput.h"
@@ -13,7 +13,6 @@
 #include "server/ModuleState.h"
 
 using ::testing::ElementsAre;
-using xk::server::ClassRow;
 using xk::server::g_module;
 using xk::server::GetClassObject;
 using xktest::FakeUnknown;
@@ -42,10 +41,10 @@ constexpr GUID kRefusing = {0x5A5E7E57, 0xFAC7, 0x0001, {1, 2, 3, 4, 5, 6, 7, 8}
 constexpr GUID kAggregatable = {0x5A5E7E57, 0xFAC7, 0x0002, {1, 2, 3, 4, 5, 6, 7, 8}};
 constexpr GUID kAlmostRefusing = {0x5A5E7E57, 0xFAC7, 0x0001, {1, 2, 3, 4, 5, 6, 7, 9}};
 // The third row is never reached: the first match wins.
-const ClassRow kTable[] = {{&kRefusing, Create, xk::server::kNoAggregation},
-                           {&kAggregatable, Create, 0},
-                           {&kRefusing, Create, 0},
-                           {}};
+const xk::server::ClassRow kTable[] = {{&kRefusing, Create, xk::server::kNoAggregation},
+                                       {&kAggregatable, Create, 0},
+                                       {&kRefusing, Create, 0},
+                                       {}};
 
 // A stub whose Connect answers as told and which counts its references.
 struct FakeStub : IRpcStubBuffer {
@@ -65,12 +64,6 @@ struct FakeStub : IRpcStubBuffer {
   IUnknown* connectedTo = nullptr;
 };
 
-// Calls and the code each must answer.
-void ExpectAnswers(HRESULT expected,
-                   std::initializer_list<std::pair<const char*, std::function<HRESULT()>>> calls) {
-  for (const auto& [what, call] : calls) EXPECT_HR(expected, call()) << what;
-}
-
 // Every test starts from the class object of an aggregatable row, held once
 // through each face, and ends with both released to exactly nothing.
 class ClassFactoryTest : public ::testing::Test {
@@ -78,18 +71,14 @@ class ClassFactoryTest : public ::testing::Test {
   static void SetUpTestSuite() { InitializeCriticalSection(&g_module.lock); }  // as attach does
   void SetUp() override {
     g_call = {}, g_handOut = nullptr, g_creationResult = S_OK;
-    ASSERT_HR(S_OK, GetClassObject(kTable, kAggregatable, IID_IClassFactory, Out(&m_factory)));
-    ASSERT_HR(S_OK, m_factory->QueryInterface(IID_IPSFactoryBuffer, Out(&m_buffer)));
+    ASSERT_HR(S_OK, GetClassObject(kTable, kAggregatable, IID_PPV_ARGS(&m_factory)));
+    ASSERT_HR(S_OK, m_factory->QueryInterface(IID_PPV_ARGS(&m_buffer)));
   }
   void TearDown() override {
     if (!m_buffer) return;
     EXPECT_EQ(1u, m_buffer->Release());
     EXPECT_EQ(0u, m_factory->Release());
     EXPECT_HR(S_OK, xk::server::CanUnloadNow());
-  }
-  template <class T>
-  static void** Out(T** p) {
-    return reinterpret_cast<void**>(p);
   }
   IClassFactory* m_factory = nullptr;
   IPSFactoryBuffer* m_buffer = nullptr;
@@ -103,59 +92,41 @@ TEST_F(ClassFactoryTest, TheSearchMatchesAllSixteenBytesAndLeavesTheOutPointerWh
   EXPECT_HR(CLASS_E_CLASSNOTAVAILABLE,
             GetClassObject(kTable, kAlmostRefusing, IID_IClassFactory, &m_object));
   EXPECT_EQ(kSentinel, m_object);
-  EXPECT_EQ(&kTable[0], xk::server::FindClassRow(kTable, kRefusing)) << "the first match wins";
   EXPECT_HR(E_NOINTERFACE, GetClassObject(kTable, kRefusing, IID_IMarshal, &m_object));
   EXPECT_EQ(nullptr, m_object);
 }
 
 TEST_F(ClassFactoryTest, EveryMethodRefusesAMissingOutPointer) {
   IRpcProxyBuffer* proxy = nullptr;
-  IPSFactoryBuffer* buffer = m_buffer;
-  ExpectAnswers(
-      E_POINTER,
-      {{"GetClassObject",
-        [] { return GetClassObject(kTable, kRefusing, IID_IClassFactory, nullptr); }},
-       {"QueryInterface", [&] { return m_factory->QueryInterface(IID_IUnknown, nullptr); }},
-       {"CreateInstance",
-        [&] { return m_factory->CreateInstance(nullptr, IID_IUnknown, nullptr); }},
-       {"CreateProxy outer",
-        [&] { return buffer->CreateProxy(nullptr, IID_IUnknown, &proxy, &m_object); }},
-       {"CreateProxy proxy",
-        [&] { return buffer->CreateProxy(&m_outer, IID_IUnknown, nullptr, &m_object); }},
-       {"CreateProxy object",
-        [&] { return buffer->CreateProxy(&m_outer, IID_IUnknown, &proxy, nullptr); }},
-       {"CreateStub", [&] { return buffer->CreateStub(IID_IUnknown, nullptr, nullptr); }}});
+  const HRESULT answers[] = {GetClassObject(kTable, kRefusing, IID_IClassFactory, nullptr),
+                             m_factory->QueryInterface(IID_IUnknown, nullptr),
+                             m_factory->CreateInstance(nullptr, IID_IUnknown, nullptr),
+                             m_buffer->CreateProxy(nullptr, IID_IUnknown, &proxy, &m_object),
+                             m_buffer->CreateProxy(&m_outer, IID_IUnknown, nullptr, &m_object),
+                             m_buffer->CreateProxy(&m_outer, IID_IUnknown, &proxy, nullptr),
+                             m_buffer->CreateStub(IID_IUnknown, nullptr, nullptr)};
+  for (const HRESULT& hr : answers) EXPECT_HR(E_POINTER, hr) << "call " << &hr - answers;
   EXPECT_EQ(0, g_call.calls);
 }
 
 TEST_F(ClassFactoryTest, AnswersItsTwoFacesWithOneIdentityAndOneCount) {
-  void *unknown = nullptr, *back = nullptr;
-  EXPECT_HR(S_OK, m_factory->QueryInterface(IID_IUnknown, &unknown));
-  EXPECT_EQ(static_cast<void*>(m_factory), unknown) << "IUnknown is the IClassFactory face";
-  EXPECT_NE(static_cast<void*>(m_factory), static_cast<void*>(m_buffer));
-  EXPECT_HR(S_OK, m_buffer->QueryInterface(IID_IUnknown, &back));
-  EXPECT_EQ(unknown, back);
-  EXPECT_HR(E_NOINTERFACE, m_factory->QueryInterface(IID_IMarshal, &m_object));
-  EXPECT_EQ(nullptr, m_object);
-  EXPECT_HR(E_NOINTERFACE, m_factory->QueryInterface(IID_IRpcProxyBuffer, &m_object));
-  EXPECT_THAT((std::vector<ULONG>{m_factory->AddRef(), m_buffer->Release(),
-                                  static_cast<IUnknown*>(back)->Release(),
-                                  static_cast<IUnknown*>(unknown)->Release()}),
+  IUnknown *unknown = nullptr, *back = nullptr;
+  EXPECT_HR(S_OK, m_factory->QueryInterface(IID_PPV_ARGS(&unknown)));
+  EXPECT_HR(S_OK, m_buffer->QueryInterface(IID_PPV_ARGS(&back)));
+  EXPECT_THAT((std::vector<void*>{unknown, back, m_buffer}),
+              ElementsAre(m_factory, m_factory, ::testing::Ne(m_factory)));
+  EXPECT_THAT((std::vector<ULONG>{m_factory->AddRef(), m_buffer->Release(), back->Release(),
+                                  unknown->Release()}),
               ElementsAre(5u, 4u, 3u, 2u));
-  EXPECT_HR(S_OK, xk::server::CanUnloadNow()) << "a class object is no module object";
-  IPSFactoryBuffer* direct = nullptr;
-  ASSERT_HR(S_OK, GetClassObject(kTable, kRefusing, IID_IPSFactoryBuffer, Out(&direct)));
-  EXPECT_EQ(0u, direct->Release());
 }
 
 TEST_F(ClassFactoryTest, CreateInstanceHandsTheRowAndTheObjectCountOnAndRefusesAnUnwantedOuter) {
   FakeUnknown made;
   g_handOut = &made;
   ASSERT_HR(S_OK, m_factory->CreateInstance(&m_outer, IID_IUnknown, &m_object));
-  EXPECT_EQ(&kAggregatable, g_call.id) << "the row's own identifier";
-  EXPECT_EQ(&m_outer, g_call.outer);
-  EXPECT_EQ(&g_module.objectCount, g_call.objectCount);
-  EXPECT_EQ(IID_IUnknown, g_call.riid);
+  EXPECT_EQ(std::make_tuple(&kAggregatable, &m_outer, &g_module.objectCount, IID_IUnknown),
+            std::make_tuple(g_call.id, g_call.outer, g_call.objectCount, g_call.riid))
+      << "the row's own identifier, the outer, the module's object count and the interface";
   EXPECT_EQ(static_cast<void*>(&made), m_object);
   EXPECT_EQ(2, made.refs);
   m_object = kSentinel;
@@ -163,12 +134,11 @@ TEST_F(ClassFactoryTest, CreateInstanceHandsTheRowAndTheObjectCountOnAndRefusesA
   EXPECT_EQ(nullptr, m_object) << "the creation function's answer is passed on";
 
   IClassFactory* refusing = nullptr;
-  ASSERT_HR(S_OK, GetClassObject(kTable, kRefusing, IID_IClassFactory, Out(&refusing)));
-  g_call = {};
+  ASSERT_HR(S_OK, GetClassObject(kTable, kRefusing, IID_PPV_ARGS(&refusing)));
   m_object = kSentinel;
   EXPECT_HR(CLASS_E_NOAGGREGATION, refusing->CreateInstance(&m_outer, IID_IUnknown, &m_object));
   EXPECT_EQ(nullptr, m_object);
-  EXPECT_EQ(0, g_call.calls);
+  EXPECT_EQ(2, g_call.calls) << "the refused outer made nothing";
   EXPECT_EQ(1, m_outer.refs);
   EXPECT_HR(S_OK, refusing->CreateInstance(nullptr, IID_IUnknown, &m_object));
   EXPECT_EQ(3, made.refs);
@@ -205,19 +175,17 @@ TEST_F(ClassFactoryTest, CreateProxyAndCreateStubHandOutWhatWasMadeOrNothingAndH
   // The server is a proxy's outer unknown; the count is the made object's references after.
   const struct {
     bool isStub;
-    IUnknown* handOut;
-    HRESULT creation;
+    IUnknown *handOut, *server;
+    HRESULT creation, expected;
     IID riid;
-    IUnknown* server;
-    HRESULT expected;
     ULONG refsAfter;
-  } rows[] = {{false, &made, S_OK, IID_IUnknown, &m_outer, S_OK, 3},
-              {false, &wrongIid, S_OK, IID_IStream, &m_outer, E_NOINTERFACE, 1},
-              {false, &noProxy, S_OK, IID_IStream, &m_outer, E_NOINTERFACE, 1},
-              {false, nullptr, E_OUTOFMEMORY, IID_IStream, &m_outer, E_OUTOFMEMORY, 0},
-              {true, &stub, S_OK, IID_IRpcStubBuffer, &m_outer, S_OK, 2},
-              {true, &refusing, S_OK, IID_IRpcStubBuffer, &m_outer, E_ACCESSDENIED, 1},
-              {true, &unconnected, S_OK, IID_IRpcStubBuffer, nullptr, S_OK, 2}};
+  } rows[] = {{false, &made, &m_outer, S_OK, S_OK, IID_IUnknown, 3},
+              {false, &wrongIid, &m_outer, S_OK, E_NOINTERFACE, IID_IStream, 1},
+              {false, &noProxy, &m_outer, S_OK, E_NOINTERFACE, IID_IStream, 1},
+              {false, nullptr, &m_outer, E_OUTOFMEMORY, E_OUTOFMEMORY, IID_IStream, 0},
+              {true, &stub, &m_outer, S_OK, S_OK, IID_IRpcStubBuffer, 2},
+              {true, &refusing, &m_outer, S_OK, E_ACCESSDENIED, IID_IRpcStubBuffer, 1},
+              {true, &unconnected, nullptr, S_OK, S_OK, IID_IRpcStubBuffer, 2}};
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
     g_handOut = row.handOut, g_creationResult = row.creation, g_call = {};
@@ -249,13 +217,9 @@ TEST_F(ClassFactoryTest, AClassObjectWithoutARowReportsItAndAnswersUnexpected) {
   xktest::DebugOutputCapture capture;
   IRpcProxyBuffer* proxy = nullptr;
   IRpcStubBuffer* stub = static_cast<IRpcStubBuffer*>(kSentinel);
-  ExpectAnswers(
-      E_UNEXPECTED,
-      {{"CreateInstance",
-        [&] { return factory->CreateInstance(nullptr, IID_IUnknown, &m_object); }},
-       {"CreateProxy",
-        [&] { return factory->CreateProxy(&m_outer, IID_IUnknown, &proxy, &m_object); }},
-       {"CreateStub", [&] { return factory->CreateStub(IID_IUnknown, &m_outer, &stub); }}});
+  EXPECT_HR(E_UNEXPECTED, factory->CreateInstance(nullptr, IID_IUnknown, &m_object));
+  EXPECT_HR(E_UNEXPECTED, factory->CreateProxy(&m_outer, IID_IUnknown, &proxy, &m_object));
+  EXPECT_HR(E_UNEXPECTED, factory->CreateStub(IID_IUnknown, &m_outer, &stub));
   EXPECT_EQ(nullptr, m_object);
   EXPECT_EQ(nullptr, stub);
   EXPECT_THAT(capture.Assertions(),

