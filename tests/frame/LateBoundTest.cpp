@@ -29,3 +29,15 @@ TEST(LateBound, TextFunctionsAnswerAsTheSystemOnes) {
   EXPECT_EQ(static_cast<ULONG_PTR>(L'Q'),
             reinterpret_cast<ULONG_PTR>(LB_CharUpperW(reinterpret_cast<LPWSTR>(L'q'))));
 }
+
+TEST(LateBound, KeyInformationIsTheSystemsOwn) {
+  auto counts = [](auto query) {
+    DWORD subKeys = 0, values = 0;
+    const LONG rc = query(HKEY_LOCAL_MACHINE, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr,
+                          &values, nullptr, nullptr, nullptr, nullptr);
+    return std::to_string(rc) + "|" + std::to_string(subKeys) + "|" + std::to_string(values);
+  };
+  EXPECT_EQ(counts(RegQueryInfoKeyA), counts(LB_RegQueryInfoKeyA));
+  EXPECT_EQ(counts(RegQueryInfoKeyW), counts(LB_RegQueryInfoKeyW));
+  EXPECT_EQ("0|", counts(LB_RegQueryInfoKeyW).substr(0, 2));
+}
