@@ -4,18 +4,15 @@
 
 #include "server/ClassTable.h"
 #include "collections/CollectionRows.h"
+#include "marshal/MarshalRows.h"
 #include "propbag/PropertyBagRows.h"
 
 namespace xk::server {
 
 namespace {
 
-// Searched in this order; a class that is not built yet has no row. The rows
-// still to come, each in its place after the property bags:
-//   CLSID_QvFreeThreadedUnmarshaler                               kNoAggregation
-//   CLSID_QvFreeThreadedMarshaler                                 flags 0
-//   proxy/stubs of IID_IQvEnumGUID, IID_ICollGUID, IID_ISeqGUID (their own
-//   interface identifiers)                                        flags 0
+// Searched in this order. The proxy/stub rows' identifiers are the proxied
+// interfaces' own.
 constexpr ClassRow kClassTable[] = {
     {&CLSID_QvEnumString, collections::CreateEnumString, kNoAggregation},
     {&CLSID_QvEnumBSTR, collections::CreateEnumBSTR, kNoAggregation},
@@ -24,6 +21,11 @@ constexpr ClassRow kClassTable[] = {
     {&CLSID_QvEnumVARIANT, collections::CreateEnumVARIANT, kNoAggregation},
     {&CLSID_QvPropertyBag, propbag::CreatePropertyBag, kNoAggregation},
     {&CLSID_QvPropertyBag_ST, propbag::CreatePropertyBag, kNoAggregation},
+    {&CLSID_QvFreeThreadedUnmarshaler, marshal::CreateFreeThreadedUnmarshaler, kNoAggregation},
+    {&CLSID_QvFreeThreadedMarshaler, marshal::CreateFreeThreadedMarshaler, 0},
+    {&IID_IQvEnumGUID, marshal::CreateGuidProxyStub, 0},
+    {&IID_ICollGUID, marshal::CreateGuidProxyStub, 0},
+    {&IID_ISeqGUID, marshal::CreateGuidProxyStub, 0},
     {nullptr, nullptr, 0},  // end of the table
 };
 
