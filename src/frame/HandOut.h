@@ -20,4 +20,19 @@ HRESULT HandOut(Object* created, REFIID riid, void** ppv, HRESULT initialised = 
   return hr;
 }
 
+// A REFIID is a pointer underneath, and a caller of a creation function may
+// pass none; the laundering keeps the compiler from assuming it cannot.
+inline bool IsMissing(REFIID riid) {
+  const IID* address = &riid;
+  __asm__("" : "+r"(address));
+  return address == nullptr;
+}
+
+// The rule of the creation functions that take an outer unknown only for
+// IUnknown: S_OK to go on, else the refusal.
+inline HRESULT AggregationRefusal(REFIID riid) {
+  if (IsMissing(riid)) return E_INVALIDARG;
+  return riid == IID_IUnknown ? S_OK : CLASS_E_NOAGGREGATION;
+}
+
 }  // namespace xk

@@ -9,8 +9,8 @@ namespace xk::marshal {
 
 HRESULT CreateGuidProxyStub(REFCLSID clsid, IUnknown* outer, LONG* objectCount, REFIID riid,
                             void** ppv);
-HRESULT CreateFreeThreadedMarshaler(REFCLSID clsid, IUnknown* outer, LONG* objectCount,
-                                    REFIID riid, void** ppv);
+HRESULT CreateFreeThreadedMarshaler(REFCLSID clsid, IUnknown* outer, LONG* objectCount, REFIID riid,
+                                    void** ppv);
 HRESULT CreateFreeThreadedUnmarshaler(REFCLSID clsid, IUnknown* outer, LONG* objectCount,
                                       REFIID riid, void** ppv);
 

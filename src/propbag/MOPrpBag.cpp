@@ -336,14 +336,6 @@ class PropertyBag final : public IPropertyBag,
   bool m_dirty = false;                // (lock) set by an append or a removal, never cleared
 };
 
-// A REFIID is a pointer underneath, and a caller of the creation function may
-// pass none; the laundering keeps the compiler from assuming it cannot.
-bool IsMissing(REFIID riid) {
-  const IID* address = &riid;
-  __asm__("" : "+r"(address));
-  return address == nullptr;
-}
-
 template <class ThreadModel>
 HRESULT MakeBag(REFCLSID clsid, LONG* objectCount, REFIID riid, void** ppv) {
   auto* bag = new PropertyBag<ThreadModel>(clsid, objectCount);
@@ -356,8 +348,8 @@ HRESULT MakeBag(REFCLSID clsid, LONG* objectCount, REFIID riid, void** ppv) {
 HRESULT CreatePropertyBag(REFCLSID clsid, IUnknown* outer, LONG* objectCount, REFIID riid,
                           void** ppv) {
   if (outer) {
-    if (IsMissing(riid)) return E_INVALIDARG;
-    if (riid != IID_IUnknown) return CLASS_E_NOAGGREGATION;
+    const HRESULT refusal = AggregationRefusal(riid);
+    if (FAILED(refusal)) return refusal;
   }
   if (clsid == CLSID_QvPropertyBag) return MakeBag<MultiThreaded>(clsid, objectCount, riid, ppv);
   if (clsid == CLSID_QvPropertyBag_ST)
