@@ -5,8 +5,8 @@
 // for a failure path to release.
 #pragma once
 
-#include <windows.h>
 #include <unknwn.h>
+#include <windows.h>
 
 namespace xk {
 

@@ -41,7 +41,8 @@ constexpr OLECHAR kAlreadyThere[] = L"The property already exists (warning only)
 constexpr OLECHAR kNoEnumString[] =
     L"Failed to create an instance of the Quorvel Software EnumString class. Please ensure it "
     L"is registered correctly";
-constexpr OLECHAR kNamesNotListed[] = L"Failed to add one or more properties to the string enumerator";
+constexpr OLECHAR kNamesNotListed[] =
+    L"Failed to add one or more properties to the string enumerator";
 constexpr OLECHAR kBadHeader[] =
     L"_PropData bag could not be loaded from the stream. Header information invalid";
 constexpr OLECHAR kSizeUnknown[] = L"Could not determine size of one or more properties";
@@ -327,8 +328,8 @@ class PropertyBag final : public IPropertyBag,
     return hr;
   }
 
-  const CLSID m_clsid;               // read-only after construction
-  LONG* const m_objectCount;         // read-only after construction; the count is atomic
+  const CLSID m_clsid;        // read-only after construction
+  LONG* const m_objectCount;  // read-only after construction; the count is atomic
   typename ThreadModel::Lock m_lock;
   PropertyEntry* m_entries = nullptr;  // (lock) m_capacity slots, m_count of them in use
   LONG m_count = 0;                    // (lock)
