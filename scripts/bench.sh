@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Sets up this machine, builds the x86_64 target and runs the store and marshalling benchmarks
-# under Wine. Not part of ctest. It uses a Wine prefix of its own, so it never
-# disturbs the server of a test run in progress.
+# Sets up this machine, builds the x86_64 target and runs the store and
+# marshalling benchmarks under Wine. Not part of ctest. It uses a Wine prefix
+# of its own, so it never disturbs the server of a test run in progress.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
