@@ -133,6 +133,23 @@ class ProxyBase : public Iface, public MORefCnt<MultiThreaded> {
   ProxyCall Call(ULONG slot) { return ProxyCall(m_channel.raw(), m_iid, slot); }
   REFIID Iid() const { return m_iid; }
 
+  // A call with at most one 32-bit argument and no results.
+  HRESULT Command(ULONG slot, const ULONG* word = nullptr) {
+    ProxyCall call = Call(slot);
+    const HRESULT hr = call.Send(kByReference, word);
+    return FAILED(hr) ? hr : call.Result();
+  }
+
+  // A call without arguments whose reply carries one 32-bit result.
+  HRESULT Fetch(ULONG slot, ULONG* value) {
+    ProxyCall call = Call(slot);
+    HRESULT hr = call.Send(kByReference);
+    if (FAILED(hr)) return hr;
+    hr = call.Result();
+    if (SUCCEEDED(hr)) *value = call.U32(kResults);
+    return hr;
+  }
+
  private:
   class ProxyBuffer final : public IRpcProxyBuffer {
    public:
@@ -295,17 +312,8 @@ class EnumProxy final : public ProxyBase<typename Kind::Enum> {
     return hr;
   }
 
-  STDMETHODIMP Skip(ULONG celt) override {
-    ProxyCall call = this->Call(4);
-    const HRESULT hr = call.Send(kByReference, &celt);
-    return FAILED(hr) ? hr : call.Result();
-  }
-
-  STDMETHODIMP Reset() override {
-    ProxyCall call = this->Call(5);
-    const HRESULT hr = call.Send(kByReference);
-    return FAILED(hr) ? hr : call.Result();
-  }
+  STDMETHODIMP Skip(ULONG celt) override { return this->Command(4, &celt); }
+  STDMETHODIMP Reset() override { return this->Command(5); }
 
   // Asks for the clone by value; the server decides how it comes back.
   STDMETHODIMP Clone(Enum** ppenum) override {

@@ -22,7 +22,7 @@ class SeqProxy final : public ProxyBase<typename Kind::Seq> {
   STDMETHODIMP Count(long* rcount) override {
     if (!rcount) return E_POINTER;
     *rcount = 0;
-    return Fetch(3, reinterpret_cast<ULONG*>(rcount));
+    return this->Fetch(3, reinterpret_cast<ULONG*>(rcount));
   }
 
   STDMETHODIMP Add(const Item* items, ULONG cItems) override {
@@ -33,7 +33,7 @@ class SeqProxy final : public ProxyBase<typename Kind::Seq> {
     return FAILED(hr) ? hr : call.Result();
   }
 
-  STDMETHODIMP Empty() override { return Command(5, nullptr); }
+  STDMETHODIMP Empty() override { return this->Command(5); }
 
   STDMETHODIMP _NewEnum(Enum** ppenum) override {
     if (!ppenum) return E_POINTER;
@@ -46,15 +46,15 @@ class SeqProxy final : public ProxyBase<typename Kind::Seq> {
   STDMETHODIMP GetPosition(ULONG* pIndex) override {
     if (!pIndex) return E_POINTER;
     *pIndex = 0;
-    return Fetch(7, pIndex);
+    return this->Fetch(7, pIndex);
   }
 
   STDMETHODIMP SetPosition(long index) override {
     const ULONG word = static_cast<ULONG>(index);
-    return Command(8, &word);
+    return this->Command(8, &word);
   }
 
-  STDMETHODIMP RemoveAt(ULONG index) override { return Command(9, &index); }
+  STDMETHODIMP RemoveAt(ULONG index) override { return this->Command(9, &index); }
 
   STDMETHODIMP InsertAt(ULONG, const Item*, ULONG) override {
     Verify(false, Kind::kInsertAtNotSent);
@@ -64,24 +64,6 @@ class SeqProxy final : public ProxyBase<typename Kind::Seq> {
   STDMETHODIMP SetAt(ULONG, const Item*) override {
     Verify(false, Kind::kSetAtNotSent);
     return E_NOTIMPL;
-  }
-
- private:
-  // A call whose reply carries one 32-bit result.
-  HRESULT Fetch(ULONG slot, ULONG* value) {
-    ProxyCall call = this->Call(slot);
-    HRESULT hr = call.Send(kByReference);
-    if (FAILED(hr)) return hr;
-    hr = call.Result();
-    if (SUCCEEDED(hr)) *value = call.U32(kResults);
-    return hr;
-  }
-
-  // A call with at most one 32-bit argument and no results.
-  HRESULT Command(ULONG slot, const ULONG* word) {
-    ProxyCall call = this->Call(slot);
-    const HRESULT hr = call.Send(kByReference, word);
-    return FAILED(hr) ? hr : call.Result();
   }
 };
 

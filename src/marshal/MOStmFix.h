@@ -40,25 +40,11 @@ class FixedMemoryStream final : public IStream {
 
   // ---- ISequentialStream
   STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
-    if (pcbRead) *pcbRead = 0;
-    if (!pv) return E_POINTER;
-    if (m_position >= m_end) return STG_E_MEDIUMFULL;
-    const ULONG n = Transferable(cb);
-    MemCopy(pv, m_position, n);
-    m_position += n;
-    if (pcbRead) *pcbRead = n;
-    return S_OK;
+    return Transfer(pv, cb, pcbRead, [&](ULONG n) { MemCopy(pv, m_position, n); });
   }
 
   STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
-    if (pcbWritten) *pcbWritten = 0;
-    if (!pv) return E_POINTER;
-    if (m_position >= m_end) return STG_E_MEDIUMFULL;
-    const ULONG n = Transferable(cb);
-    MemCopy(m_position, pv, n);
-    m_position += n;
-    if (pcbWritten) *pcbWritten = n;
-    return S_OK;
+    return Transfer(pv, cb, pcbWritten, [&](ULONG n) { MemCopy(m_position, pv, n); });
   }
 
   // ---- IStream
@@ -119,9 +105,19 @@ class FixedMemoryStream final : public IStream {
 
  private:
   ULONGLONG Size() const { return static_cast<ULONGLONG>(m_end - m_base); }
-  ULONG Transferable(ULONG cb) const {
-    const size_t left = m_position < m_end ? static_cast<size_t>(m_end - m_position) : 0;
-    return cb < left ? cb : static_cast<ULONG>(left);
+
+  // Either direction: copy(n) moves n bytes at the position, at most what is left.
+  template <class Copy>
+  HRESULT Transfer(const void* pv, ULONG cb, ULONG* pcbDone, Copy copy) {
+    if (pcbDone) *pcbDone = 0;
+    if (!pv) return E_POINTER;
+    if (m_position >= m_end) return STG_E_MEDIUMFULL;
+    const size_t left = static_cast<size_t>(m_end - m_position);
+    const ULONG n = cb < left ? cb : static_cast<ULONG>(left);
+    copy(n);
+    m_position += n;
+    if (pcbDone) *pcbDone = n;
+    return S_OK;
   }
 
   // All read-only but m_position and m_refs, which only the owning thread changes.
