@@ -12,6 +12,10 @@
 #define QV_DEFINE_IID(name, nn) \
   DEFINE_GUID(name, 0x00517663, 0x0003, nn, 0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64)
 
+// The type library the DLL carries as its resource TYPELIB 1 (version 1.4).
+DEFINE_GUID(LIBID_QuorSoftCOMBaseLib, 0x00517663, 0x0001, 0x0001, 0x00, 0x01, 0x00, 0xC0, 0xDF,
+            0xE6, 0x4A, 0x64);
+
 QV_DEFINE_CLSID(CLSID_QvEnumGUID, 0x0011);
 QV_DEFINE_CLSID(CLSID_QvEnumUnknown, 0x0012);
 QV_DEFINE_CLSID(CLSID_QvEnumString, 0x0013);

@@ -1,0 +1,259 @@
+// The type library the DLL carries, read back from the built DLL by the
+// platform's reader, as an automation client or type browser reads it: every
+// type, method, parameter and class rendered as one line of text and compared
+// with what the library documents, and no custom data anywhere.
+#include <gtest/gtest.h>
+#include <objbase.h>
+#include <oleauto.h>
+#include <xkcombsd/ScopedValue.h>
+
+#include <string>
+
+#include "TestStreams.h"
+
+namespace {
+
+using xktest::ComRef;
+
+std::string Narrow(const wchar_t* text) {
+  std::string narrow;
+  for (; text && *text; ++text) narrow += static_cast<char>(*text);
+  return narrow;
+}
+
+std::string Hex(unsigned long value) {
+  char text[16];
+  wsprintfA(text, "%lX", value);
+  return text;
+}
+
+std::string GuidText(const GUID& guid) {
+  wchar_t text[40];
+  StringFromGUID2(guid, text, 40);
+  return Narrow(text);
+}
+
+// "[library.]name" of a referenced type; the library is named only when it is
+// not this one, which shows where an imported type resolves.
+std::string Referenced(ITypeInfo* from, HREFTYPE href) {
+  ComRef<ITypeInfo> target;
+  ComRef<ITypeLib> lib;
+  UINT index = 0;
+  xk::ScopedBstr name, libName;
+  if (FAILED(from->GetRefTypeInfo(href, target.put()))) return "?";
+  target->GetDocumentation(MEMBERID_NIL, name.put(), nullptr, nullptr, nullptr);
+  target->GetContainingTypeLib(lib.put(), &index);
+  lib->GetDocumentation(-1, libName.put(), nullptr, nullptr, nullptr);
+  const std::string prefix =
+      Narrow(libName.get()) == "QuorSoftCOMBaseLib" ? "" : Narrow(libName.get()) + ".";
+  return prefix + Narrow(name.get());
+}
+
+std::string TypeText(ITypeInfo* info, const TYPEDESC& type) {
+  static const std::pair<VARTYPE, const char*> kNames[] = {
+      {VT_I4, "long"},   {VT_UI4, "ulong"},       {VT_LPWSTR, "LPWSTR"},
+      {VT_BSTR, "BSTR"}, {VT_VARIANT, "VARIANT"}, {VT_UNKNOWN, "IUnknown*"}};
+  if (type.vt == VT_PTR) return TypeText(info, *type.lptdesc) + "*";
+  if (type.vt == VT_USERDEFINED) return Referenced(info, type.hreftype);
+  for (const auto& [vt, name] : kNames) {
+    if (vt == type.vt) return name;
+  }
+  return "vt" + Hex(type.vt);
+}
+
+std::string Help(ITypeInfo* info, MEMBERID id) {
+  xk::ScopedBstr help;
+  info->GetDocumentation(id, nullptr, help.put(), nullptr, nullptr);
+  return help.get() ? " \"" + Narrow(help.get()) + "\"" : "";
+}
+
+ULONG CustomDataCount(HRESULT hr, CUSTDATA& data) {
+  const ULONG count = SUCCEEDED(hr) ? data.cCustData : 1000;
+  ClearCustData(&data);
+  return count;
+}
+
+// One line per method: slot, member id, kind and flags, signature, help text;
+// anything but a pure virtual stdcall method returning HRESULT shows as well.
+std::string MethodText(ITypeInfo* info, ITypeInfo2* info2, UINT index, int pointerSize) {
+  FUNCDESC* f = nullptr;
+  if (FAILED(info->GetFuncDesc(index, &f))) return "?";
+  BSTR names[16] = {};
+  UINT named = 0;
+  info->GetNames(f->memid, names, 16, &named);
+  std::string line = "  #" + std::to_string(f->oVft / pointerSize) + " " + Hex(f->memid) + " ";
+  if (f->invkind == INVOKE_PROPERTYGET) line += "get ";
+  if (f->wFuncFlags & FUNCFLAG_FRESTRICTED) line += "restricted ";
+  if (f->funckind != FUNC_PUREVIRTUAL || f->callconv != CC_STDCALL ||
+      f->elemdescFunc.tdesc.vt != VT_HRESULT || f->cParamsOpt != 0)
+    line += "odd ";
+  line += Narrow(names[0]) + "(";
+  for (SHORT p = 0; p < f->cParams; ++p) {
+    const ELEMDESC& param = f->lprgelemdescParam[p];
+    const USHORT flags = param.paramdesc.wParamFlags;
+    line += std::string(p ? ", " : "") +
+            (flags == PARAMFLAG_FIN                          ? "in "
+             : flags == PARAMFLAG_FOUT                       ? "out "
+             : flags == (PARAMFLAG_FOUT | PARAMFLAG_FRETVAL) ? "out,retval "
+                                                             : "flags" + Hex(flags) + " ") +
+            TypeText(info, param.tdesc) + " " +
+            Narrow(p + 1 < static_cast<SHORT>(named) ? names[p + 1] : L"?");
+  }
+  line += ")" + Help(info, f->memid);
+  CUSTDATA data = {};
+  if (CustomDataCount(info2->GetAllFuncCustData(index, &data), data)) line += " custom-data";
+  for (SHORT p = 0; p < f->cParams; ++p) {
+    if (CustomDataCount(info2->GetAllParamCustData(index, p, &data), data))
+      line += " param-custom-data";
+  }
+  for (UINT n = 0; n < named; ++n) SysFreeString(names[n]);
+  info->ReleaseFuncDesc(f);
+  return line + "\n";
+}
+
+// One line per type, then one per method or implemented interface.
+std::string TypeInfoText(ITypeInfo* info, int pointerSize) {
+  ComRef<ITypeInfo2> info2;
+  TYPEATTR* attr = nullptr;
+  xk::ScopedBstr name;
+  if (FAILED(info->QueryInterface(IID_ITypeInfo2, reinterpret_cast<void**>(info2.put()))) ||
+      FAILED(info->GetTypeAttr(&attr)))
+    return "?";
+  info->GetDocumentation(MEMBERID_NIL, name.put(), nullptr, nullptr, nullptr);
+  std::string text = Narrow(name.get()) + " " + GuidText(attr->guid) +
+                     (attr->typekind == TKIND_INTERFACE ? " interface"
+                      : attr->typekind == TKIND_COCLASS ? " coclass"
+                                                        : " kind" + Hex(attr->typekind)) +
+                     " flags=" + Hex(attr->wTypeFlags) + Help(info, MEMBERID_NIL);
+  CUSTDATA data = {};
+  if (CustomDataCount(info2->GetAllCustData(&data), data)) text += " custom-data";
+  for (UINT i = 0; i < attr->cImplTypes; ++i) {
+    HREFTYPE href = 0;
+    INT flags = 0;
+    info->GetRefTypeOfImplType(i, &href);
+    info->GetImplTypeFlags(i, &flags);
+    text += std::string(i ? ", " : " : ") + (flags == IMPLTYPEFLAG_FDEFAULT ? "default " : "") +
+            (flags & ~IMPLTYPEFLAG_FDEFAULT ? "flags" + Hex(flags) + " " : "") +
+            Referenced(info, href);
+  }
+  text += "\n";
+  for (UINT i = 0; i < attr->cFuncs; ++i) text += MethodText(info, info2.get(), i, pointerSize);
+  if (attr->cVars) text += "  variables\n";
+  info->ReleaseTypeAttr(attr);
+  return text;
+}
+
+// clang-format off
+const char kExpected[] =
+R"(IPropertyBagEdit {00517663-0003-0018-0001-00C0DFE64A64} interface flags=0 "IPropertyBagEdit Interface" : stdole.IUnknown
+  #3 1 get Count(out long* rcount) "Returns the number of properties"
+  #4 5 Remove(in LPWSTR propName) "Removes a property"
+  #5 3 Empty() "Removes all items"
+  #6 2 Add(in LPWSTR propName, in VARIANT* prop) "Adds a property"
+  #7 0 Item(in LPWSTR propName, out,retval VARIANT* prop) "Removes a property"
+  #8 FFFFFFFC restricted _NewEnum(out,retval IEnumString** ppenum) "Returns an enumerator of the property names"
+IEnumString {00000101-0000-0000-C000-000000000046} interface flags=0 : stdole.IUnknown
+  #3 60010000 RemoteNext(in ulong celt, out LPWSTR* rgelt, out ulong* pceltFetched)
+  #4 60010001 Skip(in ulong celt)
+  #5 60010002 Reset()
+  #6 60010003 Clone(out IEnumString** ppenum)
+ICollBSTR {00517663-0003-0019-0001-00C0DFE64A64} interface flags=0 "ICollBSTR Interface" : stdole.IUnknown
+  #3 1 get Count(out long* rcount) "Returns the number of items"
+  #4 2 Add(in IUnknown** items, in ulong cItems) "Adds one or more items"
+  #5 3 Empty() "Removes all items"
+  #6 FFFFFFFC restricted _NewEnum(out,retval IEnumBSTR** ppenum) "Returns an enumerator of the items"
+IEnumBSTR {00517663-0003-001B-0001-00C0DFE64A64} interface flags=0 "IEnumBSTR Interface" : stdole.IUnknown
+  #3 60010000 RemoteNext(in ulong celt, out BSTR* rgelt, out ulong* pceltFetched)
+  #4 60010001 Skip(in ulong celt) "Skips over the next specified number of elements"
+  #5 60010002 Reset() "Resets the enumeration sequence"
+  #6 60010003 Clone(out,retval IEnumBSTR** ppenum) "Creates another enumerator that contains the same enumeration state as the current one"
+ICollGUID {00517663-0003-0011-0001-00C0DFE64A64} interface flags=0 "ICollGUID Interface" : stdole.IUnknown
+  #3 1 get Count(out long* rcount) "Returns the number of items"
+  #4 2 Add(in stdole.GUID* items, in ulong cItems) "Adds one or more items"
+  #5 3 Empty() "Removes all items"
+  #6 FFFFFFFC restricted _NewEnum(out,retval IEnumGUID** ppenum) "Returns an enumerator of the items"
+IEnumGUID {00517663-0003-0013-0001-00C0DFE64A64} interface flags=0 "IEnumGUID Interface" : stdole.IUnknown
+  #3 60010000 RemoteNext(in ulong celt, out stdole.GUID* rgelt, out ulong* pceltFetched)
+  #4 60010001 Skip(in ulong celt) "Skips over the next specified number of elements"
+  #5 60010002 Reset() "Resets the enumeration sequence"
+  #6 60010003 Clone(out,retval IEnumGUID** ppenum) "Creates another enumerator that contains the same enumeration state as the current one"
+ICollString {00517663-0003-0016-0001-00C0DFE64A64} interface flags=0 "ICollString Interface" : stdole.IUnknown
+  #3 1 get Count(out long* rcount) "Returns the number of items"
+  #4 2 Add(in LPWSTR* items, in long cItems) "Adds one or more items"
+  #5 3 Empty() "Removes all items"
+  #6 FFFFFFFC restricted _NewEnum(out,retval IEnumString** ppenum) "Returns an enumerator of the items"
+ICollUnknown {00517663-0003-0014-0001-00C0DFE64A64} interface flags=0 "ICollUnknown Interface" : stdole.IUnknown
+  #3 1 get Count(out long* rcount) "Returns the number of items"
+  #4 2 Add(in IUnknown** items, in ulong cItems) "Adds one or more items"
+  #5 3 Empty() "Removes all items"
+  #6 FFFFFFFC restricted _NewEnum(out,retval IEnumUnknown** ppenum) "Returns an enumerator of the items"
+IEnumUnknown {00000100-0000-0000-C000-000000000046} interface flags=0 : stdole.IUnknown
+  #3 60010000 RemoteNext(in ulong celt, out IUnknown** rgelt, out ulong* pceltFetched)
+  #4 60010001 Skip(in ulong celt)
+  #5 60010002 Reset()
+  #6 60010003 Clone(out IEnumUnknown** ppenum)
+ICollVARIANT {00517663-0003-001D-0001-00C0DFE64A64} interface flags=0 "ICollVARIANT Interface" : stdole.IUnknown
+  #3 1 get Count(out long* rcount) "Returns the number of items"
+  #4 2 Add(in IUnknown** items, in ulong cItems) "Adds one or more items"
+  #5 3 Empty() "Removes all items"
+  #6 FFFFFFFC restricted _NewEnum(out,retval stdole.IEnumVARIANT** ppenum) "Returns an enumerator of the items"
+EnumGUID {00517663-0002-0011-0001-00C0DFE64A64} coclass flags=2 "EnumGUID Class" : default IEnumGUID, ICollGUID
+EnumUnknown {00517663-0002-0012-0001-00C0DFE64A64} coclass flags=2 "EnumUnknown Class" : default IEnumUnknown, ICollUnknown
+EnumString {00517663-0002-0013-0001-00C0DFE64A64} coclass flags=2 "EnumString Class" : default IEnumString, ICollString
+EnumBSTR {00517663-0002-0016-0001-00C0DFE64A64} coclass flags=2 "EnumBSTR Class" : default IEnumBSTR, ICollBSTR
+EnumVARIANT {00517663-0002-0017-0001-00C0DFE64A64} coclass flags=2 "EnumVARIANT Class" : default stdole.IEnumVARIANT, ICollVARIANT
+PropertyBag {00517663-0002-0014-0001-00C0DFE64A64} coclass flags=2 "PropertyBag Class" : default IPropertyBagEdit
+PropertyBag_ST {00517663-0002-0015-0001-00C0DFE64A64} coclass flags=2 "PropertyBag_ST Class" : default IPropertyBagEdit
+)";
+// clang-format on
+
+TEST(TypeLibrary, ResourceOfTheDllReadsBackAsDocumented) {
+  CoInitialize(nullptr);
+  {
+    // The DLL beside this program, read as a file: the type library needs no
+    // code of the library to run.
+    wchar_t path[MAX_PATH];
+    const DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
+    wchar_t* file = path + length;
+    while (file > path && file[-1] != L'\\') --file;
+    lstrcpyW(file, L"XKComBsD.dll");
+    ComRef<ITypeLib> lib;
+    ASSERT_EQ(S_OK, LoadTypeLib(path, lib.put()));
+
+    TLIBATTR* attr = nullptr;
+    ASSERT_EQ(S_OK, lib->GetLibAttr(&attr));
+    EXPECT_EQ("{00517663-0001-0001-0001-00C0DFE64A64}", GuidText(attr->guid));
+    EXPECT_EQ(0x0409u, attr->lcid);
+    // The x86_64 DLL describes 64-bit clients' vtables; the i686 one is kind 1.
+    EXPECT_EQ(SYS_WIN64, attr->syskind);
+    EXPECT_EQ(1, attr->wMajorVerNum);
+    EXPECT_EQ(4, attr->wMinorVerNum);
+    // The reader adds the flag saying it read the library from a file.
+    EXPECT_EQ(LIBFLAG_FHASDISKIMAGE, attr->wLibFlags);
+    lib->ReleaseTLibAttr(attr);
+
+    xk::ScopedBstr name, help, helpFile;
+    DWORD context = 1;
+    ASSERT_EQ(S_OK, lib->GetDocumentation(-1, name.put(), help.put(), &context, helpFile.put()));
+    EXPECT_EQ("QuorSoftCOMBaseLib", Narrow(name.get()));
+    EXPECT_EQ("Quorvel Software COM Base 1.4 Type Library", Narrow(help.get()));
+    EXPECT_EQ(nullptr, helpFile.get());
+    EXPECT_EQ(0u, context);
+
+    ComRef<ITypeLib2> lib2;
+    ASSERT_EQ(S_OK, lib->QueryInterface(IID_ITypeLib2, reinterpret_cast<void**>(lib2.put())));
+    CUSTDATA data = {};
+    EXPECT_EQ(0u, CustomDataCount(lib2->GetAllCustData(&data), data));
+
+    std::string text;
+    for (UINT i = 0; i < lib->GetTypeInfoCount(); ++i) {
+      ComRef<ITypeInfo> info;
+      ASSERT_EQ(S_OK, lib->GetTypeInfo(i, info.put()));
+      text += TypeInfoText(info.get(), sizeof(void*));
+    }
+    EXPECT_EQ(kExpected, text);
+  }
+  CoUninitialize();
+}
+
+}  // namespace
