@@ -5,7 +5,9 @@
 // to give them storage.
 #pragma once
 
-#include <guiddef.h>
+// DEFINE_GUID needs the platform's base declarations before it, whatever the
+// platform headers in use.
+#include <xkcombsd/XKApi.h>
 
 #define QV_DEFINE_CLSID(name, nn) \
   DEFINE_GUID(name, 0x00517663, 0x0002, nn, 0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64)

@@ -9,18 +9,20 @@
 // allocation.
 #pragma once
 
-#include <windows.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <type_traits>
+#include <windows.h>
 #include <xkcombsd/XKAssert.h>
+
+#include <type_traits>
 
 namespace xk {
 
 template <class T, size_t N>
 class auto_buffer {
   static_assert(N > 0, "an auto_buffer holds at least one element inside");
-  static_assert(std::is_trivially_default_constructible_v<T> && std::is_trivially_destructible_v<T>,
+  static_assert(std::is_trivially_default_constructible<T>::value &&
+                    std::is_trivially_destructible<T>::value,
                 "auto_buffer elements are raw storage");
 
  public:
@@ -53,7 +55,8 @@ class auto_buffer {
 
   // The address of element index; index may equal size(), giving the end.
   T* address_of(size_type index) {
-    Verify(index <= m_cItems, {"auto_buffer", 851, "(\"Index is out of bounds\", index <= m_cItems)"});
+    Verify(index <= m_cItems,
+           {"auto_buffer", 851, "(\"Index is out of bounds\", index <= m_cItems)"});
     Verify(is_valid(), {"auto_buffer", 853, "is_valid()"});
     return m_buffer + index;
   }
@@ -97,9 +100,9 @@ class auto_buffer {
     if (Verify(0 != p, {"auto_buffer", 510, "0 != p"})) GlobalFree(p);
   }
 
-  T* m_buffer;          // the elements in use: m_internal or a heap block
-  size_type m_cItems;   // read-only after construction
-  bool m_bExternal;     // read-only after construction
+  T* m_buffer;         // the elements in use: m_internal or a heap block
+  size_type m_cItems;  // read-only after construction
+  bool m_bExternal;    // read-only after construction
   T m_internal[N];
 };
 
