@@ -18,7 +18,6 @@
 #include <xkcombsd/MLLock.h>
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/MORefCnt.h>
-#include <xkcombsd/ScopedValue.h>
 
 #include "frame/RuntimePrimitives.h"
 #include "marshal/MOStmFix.h"
@@ -359,20 +358,25 @@ class EnumStub final : public StubBase<EnumStub<Kind>, typename Kind::Enum> {
  public:
   static REFIID Iid() { return *Kind::kEnumIid; }
 
+  // The server fetches straight into a reply sized for celt items, which is
+  // then cut to the items fetched: the reply buffer takes the place of a block
+  // of task memory and of a second copy, so failing to get it is the result.
   static HRESULT Next(Enum* server, REFIID iid, RPCOLEMESSAGE* msg, IRpcChannelBuffer* channel) {
     ULONG celt = 0;
     if (!RequestWord(msg, &celt)) return RPC_E_INVALID_DATAPACKET;
     if (celt > (0xFFFFFFFFul - kResults - 4) / sizeof(Item)) return E_OUTOFMEMORY;
-    ScopedTaskMemory<Item> items(static_cast<Item*>(CoTaskMemAlloc(celt * sizeof(Item))));
-    if (!items.get() && celt) return E_OUTOFMEMORY;
+    const HRESULT replied = Reply(channel, msg, iid, S_OK, celt * sizeof(Item) + 4);
+    if (FAILED(replied)) return replied;
+    BYTE* results = ReplyResults(msg);
     ULONG fetched = 0;
-    const HRESULT hr = server->Next(celt, items.get(), &fetched);
-    if (fetched > celt) fetched = celt;  // never trust a count to size a copy
-    const HRESULT replied = Reply(channel, msg, iid, hr, fetched * sizeof(Item) + 4);
-    if (SUCCEEDED(replied) && SUCCEEDED(hr)) {
-      StoreU32(ReplyResults(msg), fetched);
-      MemCopy(ReplyResults(msg) + 4, items.get(), fetched * sizeof(Item));
-    }
+    const HRESULT hr = server->Next(celt, reinterpret_cast<Item*>(results + 4), &fetched);
+    if (fetched > celt) fetched = celt;  // never trust a count to size a reply
+    StoreU32(results - 4, static_cast<ULONG>(hr));
+    if (SUCCEEDED(hr))
+      StoreU32(results, fetched);
+    else
+      MemFill(results + 4, 0, fetched * sizeof(Item));  // a failure's items do not travel
+    msg->cbBuffer = kResults + 4 + fetched * sizeof(Item);
     return replied;
   }
 
@@ -405,8 +409,11 @@ class EnumStub final : public StubBase<EnumStub<Kind>, typename Kind::Enum> {
   // Reachable from the sequence's stub, whose _NewEnum is answered the same way.
   static HRESULT CloneByReference(Enum* server, REFIID iid, RPCOLEMESSAGE* msg,
                                   IRpcChannelBuffer* channel) {
+    // The context data is not used, but asked for all the same: a channel may
+    // store it without looking (the one under Wine does).
     DWORD destContext = 0;
-    HRESULT hr = channel->GetDestCtx(&destContext, nullptr);
+    void* destContextData = nullptr;
+    HRESULT hr = channel->GetDestCtx(&destContext, &destContextData);
     if (FAILED(hr)) return hr;
     MLRelItf<Enum> clone;
     HRESULT hrClone = server->Clone(clone.put());
