@@ -1,14 +1,16 @@
 // A client of XKComBsD, end to end: it loads the library, asks for its version,
 // takes a BSTR through the string functions and back, registers the library
 // with regsvr32, reads a class name back from the registry, uses an enumerator
-// and a property bag made by their ProgIDs, unregisters it
-// again, and shows the trace lines the library and its base library write to
-// the debugger output while it is loaded and unloaded.
+// and a property bag made by their ProgIDs, unregisters it again, keeps a
+// VARIANT in a registry value, and shows the trace lines the library and its
+// base library write to the debugger output while it is loaded and unloaded.
 #include <xkcombsd/Collections.h>
 #include <xkcombsd/Guids.h>
 #include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Module.h>
+#include <xkcombsd/Persist.h>
 #include <xkcombsd/PropertyBag.h>
+#include <xkcombsd/Stores.h>
 #include <xkcombsd/Strings.h>
 
 #include <cstdio>
@@ -198,6 +200,49 @@ void ShowRegistration(HMODULE library) {
   ShowClassName(getClassName);
 }
 
+// A VARIANT saved into a registry value through a stream over the registry
+// store (a commit flushes the store into the key), and loaded back from the
+// bytes the registry holds.
+void VariantThroughTheRegistry(HMODULE library) {
+  auto onRegKey = Export<decltype(&CreateLockBytesOnRegKey)>(library, "CreateLockBytesOnRegKey");
+  auto onLockBytes = Export<decltype(&CreateStreamOnLockBytes)>(library, "CreateStreamOnLockBytes");
+  auto save = Export<decltype(&VARIANT_SaveToStream)>(library, "VARIANT_SaveToStream");
+  auto load = Export<decltype(&VARIANT_LoadFromStream)>(library, "VARIANT_LoadFromStream");
+  if (!onRegKey || !onLockBytes || !save || !load) return;
+  const wchar_t kKey[] = L"Software\\XKComBsD demo";
+  HKEY key;
+  if (RegCreateKeyW(HKEY_CURRENT_USER, kKey, &key) != ERROR_SUCCESS) return;
+  ILockBytes* store = nullptr;
+  IStream *stream = nullptr, *back = nullptr;
+  VARIANT saved, loaded;
+  V_VT(&saved) = VT_BSTR, V_BSTR(&saved) = SysAllocString(L"Kept in the registry");
+  VariantInit(&loaded);
+  HRESULT hr = onRegKey(HKEY_CURRENT_USER, kKey, 0, &store);
+  if (SUCCEEDED(hr)) hr = onLockBytes(store, 0, &stream);
+  if (SUCCEEDED(hr)) hr = save(stream, &saved);
+  if (SUCCEEDED(hr)) hr = stream->Commit(STGC_DEFAULT);
+  BYTE value[256];
+  DWORD cb = sizeof value;
+  if (RegQueryValueExW(key, nullptr, nullptr, nullptr, value, &cb) != ERROR_SUCCESS) cb = 0;
+  std::printf(
+      "VARIANT_SaveToStream into [HKCU]\\Software\\XKComBsD demo: 0x%08lX, value of %lu bytes\n",
+      hr, cb);
+  if (SUCCEEDED(CreateStreamOnHGlobal(nullptr, TRUE, &back))) {
+    back->Write(value, cb, nullptr);
+    back->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
+    hr = load(back, &loaded);
+    std::printf("VARIANT_LoadFromStream from those bytes: 0x%08lX \"%s\"\n", hr,
+                Utf8(V_BSTR(&loaded)).c_str());
+    back->Release();
+  }
+  if (stream) stream->Release();
+  if (store) store->Release();
+  VariantClear(&saved);
+  VariantClear(&loaded);
+  RegCloseKey(key);
+  RegDeleteKeyW(HKEY_CURRENT_USER, kKey);
+}
+
 }  // namespace
 
 int main() {
@@ -229,6 +274,7 @@ int main() {
   BstrRoundTrip(library);
   GuidRoundTrip(library);
   ShowRegistration(library);
+  VariantThroughTheRegistry(library);
 
   std::printf("Unloading XKComBsD.dll; its debugger output:\n");
   FreeLibrary(library);

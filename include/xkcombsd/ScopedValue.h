@@ -1,5 +1,5 @@
-// Owners of one platform value each: a BSTR, a task-allocator block, a VARIANT,
-// a file handle.
+// Owners of one platform value each: a BSTR, a task-allocator block, a
+// fixed global-memory block, a VARIANT, a file handle.
 // One template serves them all; a traits struct says what "empty" is and how the
 // value is let go, so a failure path frees exactly what the success path would
 // have handed out.
@@ -56,6 +56,15 @@ struct TaskMemoryTraits {
   static void Destroy(T* value) { CoTaskMemFree(value); }
 };
 
+template <class T>
+struct GlobalMemoryTraits {
+  using Type = T*;
+  static T* Empty() { return nullptr; }
+  static void Destroy(T* value) {
+    if (value) GlobalFree(value);
+  }
+};
+
 struct VariantTraits {
   using Type = VARIANT;
   static VARIANT Empty() {
@@ -79,5 +88,7 @@ using ScopedFile = ScopedValue<FileHandleTraits>;
 template <class T>
 using ScopedTaskMemory = ScopedValue<TaskMemoryTraits<T>>;
 using ScopedVariant = ScopedValue<VariantTraits>;
+template <class T>
+using ScopedGlobalMemory = ScopedValue<GlobalMemoryTraits<T>>;
 
 }  // namespace xk

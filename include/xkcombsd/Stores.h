@@ -1,6 +1,7 @@
 // Byte stores: ILockBytes over memory (a growable buffer from an allocator, one
 // fixed caller buffer, or a list of caller buffers that form one address
-// space), and IStream over any ILockBytes.
+// space) and over a registry key, IStream over any ILockBytes, and the sizes
+// of structured storages.
 //
 // A store or stream made with QVCLBOMF_NOLOCK does no locking of its own and
 // must be used from one thread at a time; every other one may be shared. When a
@@ -64,3 +65,17 @@ XK_EXTERN_C HRESULT XKAPI CreateStreamOnLockBytes(ILockBytes* plkbyt, DWORD flag
                                                   IStream** ppstm);
 XK_EXTERN_C HRESULT XKAPI CreateStreamOnMemory(void* pv, ULONG si, DWORD flags,
                                                ULONG_PTR allocSource, IStream** ppstm);
+
+// A store whose bytes stay in memory until Flush writes all of them as the
+// default REG_BINARY value of root\subKey (opened with KEY_ALL_ACCESS). It
+// starts empty, whatever the key holds, and is never flushed implicitly (a
+// stream over it flushes it when the stream goes). cbMax 0: no maximum.
+XK_EXTERN_C HRESULT XKAPI CreateLockBytesOnRegKey(HKEY hkeyRoot, LPCWSTR subKey, ULONG cbMax,
+                                                  ILockBytes** pplb);
+
+// The bytes a storage's streams need, each rounded up to 512, through every
+// sub-storage; -1 on failure (and for totals of 2^31 or more: negative).
+XK_EXTERN_C LONG XKAPI Stg_GetSize(IStorage* pstg);
+// A compound file's size on disk and Stg_GetSize of its contents; both 0 on
+// every failure.
+XK_EXTERN_C HRESULT XKAPI Stg_FileGetSizes(LPCWSTR fileName, ULONG* pcbFile, LONG* pcbStorage);

@@ -41,7 +41,7 @@ HRESULT CheckTransfer(ULARGE_INTEGER offset, const void* pv, ULONG cb, ULONG* pc
 // (CopyOut, CopyIn) and the change of size (Resize), called under the lock
 // with every argument already checked.
 template <class Derived, class ThreadModel>
-class MemoryStore : public StoreObject<ILockBytes, ThreadModel, &IID_ILockBytes> {
+class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &IID_ILockBytes> {
  public:
   STDMETHODIMP ReadAt(ULARGE_INTEGER ulOffset, void* pv, ULONG cb, ULONG* pcbRead) override {
     const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbRead);
@@ -82,13 +82,6 @@ class MemoryStore : public StoreObject<ILockBytes, ThreadModel, &IID_ILockBytes>
     return Self().Resize(cb.LowPart);
   }
 
-  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
-    return STG_E_INVALIDFUNCTION;
-  }
-  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
-    return STG_E_INVALIDFUNCTION;
-  }
-
   // The store has no name to give, so a caller must say it wants none.
   STDMETHODIMP Stat(STATSTG* pstatstg, DWORD grfStatFlag) override {
     if (!pstatstg) return STG_E_INVALIDPOINTER;
@@ -101,9 +94,7 @@ class MemoryStore : public StoreObject<ILockBytes, ThreadModel, &IID_ILockBytes>
   }
 
  protected:
-  using StoreObject<ILockBytes, ThreadModel, &IID_ILockBytes>::StoreObject;
-
-  static ULONG Smaller(ULONG a, ULONG b) { return a < b ? a : b; }
+  using StoreObject<LockBytesWithoutRegions, ThreadModel, &IID_ILockBytes>::StoreObject;
 
   // The memory is the caller's and fixed: only the size moves, within m_max.
   HRESULT ResizeFixed(ULONG siNew, int firstCheckLine) {
@@ -250,7 +241,7 @@ class BlockLockBytes final : public MemoryStore<BlockLockBytes<ThreadModel>, Thr
     ULONG inBlock = static_cast<ULONG>(offset - (block->end - block->cb));
     ULONG done = 0;
     for (; block != m_blocksEnd && done < cb; ++block, inBlock = 0) {
-      const ULONG n = this->Smaller(block->cb - inBlock, cb - done);
+      const ULONG n = Smaller(block->cb - inBlock, cb - done);
       copy(block->pv + inBlock, done, n);
       done += n;
     }

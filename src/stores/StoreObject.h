@@ -1,7 +1,8 @@
-// What the memory stores and the streams over them share as COM objects: one
-// reference count, one lock (both chosen by the thread-model policy), the
-// creation flags, and the same QueryInterface set: IUnknown and the object's
-// own interface, IThreadingInfo and ISaveToFile, nothing else.
+// What the stores and the streams over them share as COM objects: one
+// reference count and one lock, both chosen by the thread-model policy. The
+// memory stores and the streams add the creation flags and the same
+// QueryInterface set: IUnknown and the object's own interface, IThreadingInfo
+// and ISaveToFile, nothing else.
 #pragma once
 
 #include <xkcombsd/Identifiers.h>
@@ -16,11 +17,37 @@ namespace xk::stores {
 // 4 GiB is refused with STG_E_MEDIUMFULL.
 constexpr ULONGLONG kAddressLimit = 0x100000000ull;
 
+inline ULONG Smaller(ULONG a, ULONG b) { return a < b ? a : b; }
+
+// No store locks regions of its bytes; each says so the same way.
+class LockBytesWithoutRegions : public ILockBytes {
+ public:
+  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+    return STG_E_INVALIDFUNCTION;
+  }
+  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+    return STG_E_INVALIDFUNCTION;
+  }
+};
+
+template <class ThreadModel>
+class StoreCore : public MORefCnt<ThreadModel> {
+ protected:
+  // Holds the object's lock for the caller's scope; re-entrant in the locked
+  // form, so a method may call another that takes it again.
+  MLLock<typename ThreadModel::Lock> Locked() {
+    return MLLock<typename ThreadModel::Lock>(&m_lock);
+  }
+
+ private:
+  typename ThreadModel::Lock m_lock;
+};
+
 template <class Primary, class ThreadModel, const IID* PrimaryIid>
 class StoreObject : public Primary,
                     public IThreadingInfo,
                     public ISaveToFile,
-                    public MORefCnt<ThreadModel> {
+                    public StoreCore<ThreadModel> {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
     if (!ppv) return E_POINTER;
@@ -44,7 +71,7 @@ class StoreObject : public Primary,
   // stream is locked but keeps the flags it was cloned with.
   STDMETHODIMP GetThreadingModel(DWORD* pModel) override {
     if (!pModel) return E_POINTER;
-    auto guard = Locked();
+    auto guard = this->Locked();
     *pModel = (m_flags & QVCLBOMF_NOLOCK) ? SingleThreaded::kThreadingModel
                                           : MultiThreaded::kThreadingModel;
     return S_OK;
@@ -53,14 +80,7 @@ class StoreObject : public Primary,
  protected:
   explicit StoreObject(DWORD flags) : m_flags(flags) {}
 
-  // Holds the object's lock for the caller's scope; re-entrant in the locked
-  // form, so a method may call another that takes it again.
-  MLLock<typename ThreadModel::Lock> Locked() { return MLLock<typename ThreadModel::Lock>(&m_lock); }
-
   const DWORD m_flags;  // read-only after construction
-
- private:
-  typename ThreadModel::Lock m_lock;
 };
 
 // Calls make with the thread-model policy the flags ask for.
