@@ -33,5 +33,9 @@ function(xk_add_test_suite name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE xk_test_support ${ARG_LIBRARIES} gmock_main)
   target_link_options(${name} PRIVATE -static)
-  xk_register_test(${name} COMMAND ${name} TIMEOUT ${ARG_TIMEOUT})
+  # A program that crashes under Wine can still exit with 0, so a suite passes
+  # only on GoogleTest's own summary, and fails on any failed test in it.
+  xk_register_test(${name} COMMAND ${name} TIMEOUT ${ARG_TIMEOUT}
+    PROPERTIES PASS_REGULAR_EXPRESSION "\\[  PASSED  \\] [0-9]+ test"
+               FAIL_REGULAR_EXPRESSION "\\[  FAILED  \\]")
 endfunction()
