@@ -1,5 +1,5 @@
 // Owners of one platform value each: a BSTR, a task-allocator block, a VARIANT,
-// a file handle.
+// a file handle, a global-memory block.
 // One template serves them all; a traits struct says what "empty" is and how the
 // value is let go, so a failure path frees exactly what the success path would
 // have handed out.
@@ -74,7 +74,17 @@ struct FileHandleTraits {
   }
 };
 
+// A block of global memory, fixed or moveable.
+struct GlobalMemoryTraits {
+  using Type = HGLOBAL;
+  static HGLOBAL Empty() { return nullptr; }
+  static void Destroy(HGLOBAL block) {
+    if (block) GlobalFree(block);
+  }
+};
+
 using ScopedBstr = ScopedValue<BstrTraits>;
+using ScopedGlobal = ScopedValue<GlobalMemoryTraits>;
 using ScopedFile = ScopedValue<FileHandleTraits>;
 template <class T>
 using ScopedTaskMemory = ScopedValue<TaskMemoryTraits<T>>;
