@@ -21,7 +21,8 @@ namespace xk::automation {
 namespace {
 
 // The expressions are what clients see in the reports; the lines are this
-// file's own, one per expression.
+// file's own, one per expression. After a report a method answers E_POINTER
+// for a missing pointer, as the library's exports do.
 constexpr AssertSite kNoThis = {"MODatObj", 96, "pThis != NULL"};
 constexpr AssertSite kNoFormat = {"MODatObj", 97, "lpfe != NULL"};
 constexpr AssertSite kNoMedium = {"MODatObj", 98, "lpstm != NULL"};
@@ -367,8 +368,9 @@ extern "C" HRESULT WINAPI GetDataObjectFromMemory(const void* bytes, DWORD count
 }
 
 // ---- DataObject_GetHDrop -----------------------------------------------------
-// A medium other than global memory is no drop handle: it is released whole
-// and refused, so the caller never holds something it cannot free.
+// A NULL object is reported under the name the data object's own reports give
+// it. A medium other than global memory is no drop handle: it is released
+// whole and refused, so the caller never holds something it cannot free.
 extern "C" HRESULT WINAPI DataObject_GetHDrop(IDataObject* pDO, HGLOBAL* drop) {
   if (!Verify(pDO != NULL, kNoDataObject) || !drop) return E_INVALIDARG;
   *drop = nullptr;
