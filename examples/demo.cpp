@@ -1,15 +1,19 @@
 // A client of XKComBsD, end to end: it loads the library, asks for its version,
 // takes a BSTR through the string functions and back, registers the library
 // with regsvr32, reads a class name back from the registry, uses an enumerator
-// and a property bag made by their ProgIDs, unregisters it again, keeps a
+// and a property bag made by their ProgIDs, unregisters it again, drives an
+// automation object and a data object through the library's helpers, keeps a
 // VARIANT in a registry value, and shows the trace lines the library and its
 // base library write to the debugger output while it is loaded and unloaded.
 #include <xkcombsd/Collections.h>
+#include <xkcombsd/DataObject.h>
+#include <xkcombsd/Dispatch.h>
 #include <xkcombsd/Guids.h>
 #include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Module.h>
 #include <xkcombsd/Persist.h>
 #include <xkcombsd/PropertyBag.h>
+#include <xkcombsd/PropertyPages.h>
 #include <xkcombsd/Stores.h>
 #include <xkcombsd/Strings.h>
 
@@ -184,6 +188,53 @@ void UsePropertyBagByProgID() {
   CoFreeUnusedLibrariesEx(0, 0);
 }
 
+// One of the platform's automation objects driven late-bound: an entry added
+// to a dictionary by name, and its Count property read by name.
+void UseDispatchHelpers(HMODULE library) {
+  auto invoke = Export<decltype(&Dispatch_NamedInvoke)>(library, "Dispatch_NamedInvoke");
+  auto get = Export<decltype(&Dispatch_GetNamedProperty)>(library, "Dispatch_GetNamedProperty");
+  IUnknown* dictionary = nullptr;
+  if (!invoke || !get || FAILED(CreateByProgID(L"Scripting.Dictionary", IID_IUnknown, &dictionary)))
+    return;
+  VARIANT args[2], count;  // the last argument first: item, then key
+  V_VT(&args[0]) = VT_I4, V_I4(&args[0]) = 401;
+  V_VT(&args[1]) = VT_BSTR, V_BSTR(&args[1]) = SysAllocString(L"build");
+  VariantInit(&count);
+  const HRESULT added =
+      invoke(dictionary, const_cast<LPOLESTR>(L"Add"), DISPATCH_METHOD, 2, args, nullptr);
+  const HRESULT read = get(dictionary, const_cast<LPOLESTR>(L"Count"), &count);
+  std::printf(
+      "Dispatch_NamedInvoke(\"Add\"): 0x%08lX; Dispatch_GetNamedProperty(\"Count\"): "
+      "0x%08lX, %ld\n",
+      added, read, V_VT(&count) == VT_I4 ? V_I4(&count) : -1L);
+  VariantClear(&args[1]);
+  dictionary->Release();
+}
+
+// A block of text offered as a data object and read back as any consumer
+// reads it; and a property-page list built in the task allocator.
+void UseDataObjectAndPages(HMODULE library) {
+  auto fromMemory = Export<decltype(&GetDataObjectFromMemory)>(library, "GetDataObjectFromMemory");
+  auto addPages = Export<decltype(&AddPropPageIDs)>(library, "AddPropPageIDs");
+  if (!fromMemory || !addPages) return;
+  const char text[] = "Offered through global memory";
+  IDataObject* data = nullptr;
+  FORMATETC format = {CF_TEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
+  STGMEDIUM medium = {};
+  HRESULT hr = fromMemory(text, sizeof text, &data, CF_TEXT);
+  if (SUCCEEDED(hr)) hr = data->GetData(&format, &medium);
+  std::printf("GetDataObjectFromMemory, GetData(CF_TEXT): 0x%08lX \"%s\"\n", hr,
+              SUCCEEDED(hr) ? static_cast<const char*>(medium.hGlobal) : "");
+  if (SUCCEEDED(hr)) ReleaseStgMedium(&medium);
+  if (data) data->Release();
+
+  const GUID pages[] = {kEnumGUID, kEnumGUID};
+  CAUUID list = {};
+  hr = addPages(&list, pages, 2);
+  std::printf("AddPropPageIDs: 0x%08lX, %lu pages\n", hr, list.cElems);
+  CoTaskMemFree(list.pElems);
+}
+
 // The library registers itself under regsvr32; the client reads the name of
 // one of its classes back from the registry and makes one of its classes by
 // ProgID, then unregisters it again.
@@ -273,6 +324,8 @@ int main() {
 
   BstrRoundTrip(library);
   GuidRoundTrip(library);
+  UseDispatchHelpers(library);
+  UseDataObjectAndPages(library);
   ShowRegistration(library);
   VariantThroughTheRegistry(library);
 

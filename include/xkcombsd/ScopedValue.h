@@ -1,5 +1,5 @@
 // Owners of one platform value each: a BSTR, a task-allocator block, a
-// fixed global-memory block, a VARIANT, a file handle.
+// global-memory block (fixed or moveable), a VARIANT, a file handle.
 // One template serves them all; a traits struct says what "empty" is and how the
 // value is let go, so a failure path frees exactly what the success path would
 // have handed out.
@@ -56,7 +56,8 @@ struct TaskMemoryTraits {
   static void Destroy(T* value) { CoTaskMemFree(value); }
 };
 
-template <class T>
+// A global-memory block: fixed, seen as T*, or moveable (T = void, the HGLOBAL).
+template <class T = void>
 struct GlobalMemoryTraits {
   using Type = T*;
   static T* Empty() { return nullptr; }
@@ -84,6 +85,7 @@ struct FileHandleTraits {
 };
 
 using ScopedBstr = ScopedValue<BstrTraits>;
+using ScopedGlobal = ScopedValue<GlobalMemoryTraits<>>;
 using ScopedFile = ScopedValue<FileHandleTraits>;
 template <class T>
 using ScopedTaskMemory = ScopedValue<TaskMemoryTraits<T>>;

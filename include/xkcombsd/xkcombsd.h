@@ -7,6 +7,9 @@
 #include <xkcombsd/XKApi.h>
 
 #include <xkcombsd/Collections.h>
+#include <xkcombsd/Connections.h>
+#include <xkcombsd/DataObject.h>
+#include <xkcombsd/Dispatch.h>
 #include <xkcombsd/ErrorInfo.h>
 #include <xkcombsd/Guids.h>
 #include <xkcombsd/Identifiers.h>
@@ -15,6 +18,7 @@
 #include <xkcombsd/Module.h>
 #include <xkcombsd/Persist.h>
 #include <xkcombsd/PropertyBag.h>
+#include <xkcombsd/PropertyPages.h>
 #include <xkcombsd/Registration.h>
 #include <xkcombsd/Stores.h>
 #include <xkcombsd/Strings.h>
