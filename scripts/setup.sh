@@ -8,7 +8,7 @@ packages=(
   gcc-mingw-w64-x86-64-posix gcc-mingw-w64-i686-posix
   binutils-mingw-w64-x86-64 binutils-mingw-w64-i686
   mingw-w64-tools
-  wine wine64 libwine-dev clang
+  wine wine64 libwine-dev clang llvm
   cmake ninja-build googletest python3
 )
 
