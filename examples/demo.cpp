@@ -1,4 +1,5 @@
-// A client of XKComBsD, end to end: it loads the library, asks for its version,
+// A client of XKComBsD, end to end, calling every function by name through an
+// import library: it loads the library, asks for its version,
 // takes a BSTR through the string functions and back, registers the library
 // with regsvr32, reads a class name back from the registry, uses an enumerator
 // and a property bag made by their ProgIDs, unregisters it again, drives an
@@ -29,11 +30,6 @@ void ShowTrace(const xktest::DebugOutputCapture& capture, size_t* shown) {
   for (; *shown < lines.size(); ++*shown) std::printf("    | %s", lines[*shown].c_str());
 }
 
-template <typename Fn>
-Fn Export(HMODULE library, const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(library, name)));
-}
-
 std::string Utf8(BSTR text) {
   if (!text) return "(none)";
   const int length = static_cast<int>(SysStringLen(text));
@@ -45,32 +41,21 @@ std::string Utf8(BSTR text) {
 }
 
 // A BSTR made from narrow text, extended with wide text, copied, compared and freed.
-void BstrRoundTrip(HMODULE library) {
-  auto create = Export<decltype(&BSTR_CreateA)>(library, "BSTR_CreateA");
-  auto append = Export<decltype(&BSTR_AppendW)>(library, "BSTR_AppendW");
-  auto dup = Export<decltype(&BSTR_Dup)>(library, "BSTR_Dup");
-  auto compare = Export<decltype(&BSTR_Cmp)>(library, "BSTR_Cmp");
-  auto destroy = Export<decltype(&BSTR_Destroy)>(library, "BSTR_Destroy");
-  auto fromError = Export<decltype(&BSTR_FromWin32Error)>(library, "BSTR_FromWin32Error");
-  if (!create || !append || !dup || !compare || !destroy || !fromError) {
-    std::printf("The BSTR functions are missing from this build\n");
-    return;
-  }
-
-  BSTR text = create("Round trip", -1);
-  text = append(text, L" through XKComBsD", -1);
-  BSTR copy = dup(text);
+void BstrRoundTrip() {
+  BSTR text = BSTR_CreateA("Round trip", -1);
+  text = BSTR_AppendW(text, L" through XKComBsD", -1);
+  BSTR copy = BSTR_Dup(text);
   std::printf("BSTR_CreateA + BSTR_AppendW: \"%s\" (%u characters)\n", Utf8(text).c_str(),
               SysStringLen(text));
   std::printf("BSTR_Dup: \"%s\", BSTR_Cmp with the original: %d\n", Utf8(copy).c_str(),
-              compare(text, copy));
-  destroy(&copy);
-  destroy(&text);
+              BSTR_Cmp(text, copy));
+  BSTR_Destroy(&copy);
+  BSTR_Destroy(&text);
   std::printf("BSTR_Destroy: both freed, pointers now %s\n", !text && !copy ? "NULL" : "still set");
 
-  BSTR message = fromError(ERROR_FILE_NOT_FOUND);
+  BSTR message = BSTR_FromWin32Error(ERROR_FILE_NOT_FOUND);
   std::printf("BSTR_FromWin32Error(2): \"%s\"\n", Utf8(message).c_str());
-  destroy(&message);
+  BSTR_Destroy(&message);
 }
 
 // EnumGUID, one of the classes the library registers.
@@ -82,24 +67,21 @@ void Regsvr32(const char* options, const std::string& library) {
   std::printf("%s: exit code %lu\n", command.c_str(), xktest::RunToEnd(command, 60000));
 }
 
-void ShowClassName(decltype(&CoReg_GetClassNameA) getClassName) {
+void ShowClassName() {
   char name[64] = "";
   DWORD cch = sizeof name;
-  const HRESULT hr = getClassName(kEnumGUID, name, &cch);
+  const HRESULT hr = CoReg_GetClassNameA(kEnumGUID, name, &cch);
   std::printf(
       "CoReg_GetClassNameA(EnumGUID): 0x%08lX, \"%s\", %lu characters with the terminator\n", hr,
       name, cch);
 }
 
 // A GUID to its registry text and back.
-void GuidRoundTrip(HMODULE library) {
-  auto toText = Export<decltype(&QvStringFromGUIDA)>(library, "QvStringFromGUIDA");
-  auto fromText = Export<decltype(&QvGUIDFromStringA)>(library, "QvGUIDFromStringA");
-  if (!toText || !fromText) return;
+void GuidRoundTrip() {
   char text[39] = "";
   GUID back = {};
-  const HRESULT written = toText(text, kEnumGUID);
-  const HRESULT parsed = fromText(&back, text);
+  const HRESULT written = QvStringFromGUIDA(text, kEnumGUID);
+  const HRESULT parsed = QvGUIDFromStringA(&back, text);
   std::printf("QvStringFromGUIDA: 0x%08lX \"%s\"; QvGUIDFromStringA: 0x%08lX, %s\n", written, text,
               parsed, IsEqualGUID(back, kEnumGUID) ? "the same GUID" : "a different GUID");
 }
@@ -190,19 +172,17 @@ void UsePropertyBagByProgID() {
 
 // One of the platform's automation objects driven late-bound: an entry added
 // to a dictionary by name, and its Count property read by name.
-void UseDispatchHelpers(HMODULE library) {
-  auto invoke = Export<decltype(&Dispatch_NamedInvoke)>(library, "Dispatch_NamedInvoke");
-  auto get = Export<decltype(&Dispatch_GetNamedProperty)>(library, "Dispatch_GetNamedProperty");
+void UseDispatchHelpers() {
   IUnknown* dictionary = nullptr;
-  if (!invoke || !get || FAILED(CreateByProgID(L"Scripting.Dictionary", IID_IUnknown, &dictionary)))
-    return;
+  if (FAILED(CreateByProgID(L"Scripting.Dictionary", IID_IUnknown, &dictionary))) return;
   VARIANT args[2], count;  // the last argument first: item, then key
   V_VT(&args[0]) = VT_I4, V_I4(&args[0]) = 401;
   V_VT(&args[1]) = VT_BSTR, V_BSTR(&args[1]) = SysAllocString(L"build");
   VariantInit(&count);
-  const HRESULT added =
-      invoke(dictionary, const_cast<LPOLESTR>(L"Add"), DISPATCH_METHOD, 2, args, nullptr);
-  const HRESULT read = get(dictionary, const_cast<LPOLESTR>(L"Count"), &count);
+  const HRESULT added = Dispatch_NamedInvoke(dictionary, const_cast<LPOLESTR>(L"Add"),
+                                             DISPATCH_METHOD, 2, args, nullptr);
+  const HRESULT read =
+      Dispatch_GetNamedProperty(dictionary, const_cast<LPOLESTR>(L"Count"), &count);
   std::printf(
       "Dispatch_NamedInvoke(\"Add\"): 0x%08lX; Dispatch_GetNamedProperty(\"Count\"): "
       "0x%08lX, %ld\n",
@@ -213,15 +193,12 @@ void UseDispatchHelpers(HMODULE library) {
 
 // A block of text offered as a data object and read back as any consumer
 // reads it; and a property-page list built in the task allocator.
-void UseDataObjectAndPages(HMODULE library) {
-  auto fromMemory = Export<decltype(&GetDataObjectFromMemory)>(library, "GetDataObjectFromMemory");
-  auto addPages = Export<decltype(&AddPropPageIDs)>(library, "AddPropPageIDs");
-  if (!fromMemory || !addPages) return;
+void UseDataObjectAndPages() {
   const char text[] = "Offered through global memory";
   IDataObject* data = nullptr;
   FORMATETC format = {CF_TEXT, nullptr, DVASPECT_CONTENT, -1, TYMED_HGLOBAL};
   STGMEDIUM medium = {};
-  HRESULT hr = fromMemory(text, sizeof text, &data, CF_TEXT);
+  HRESULT hr = GetDataObjectFromMemory(text, sizeof text, &data, CF_TEXT);
   if (SUCCEEDED(hr)) hr = data->GetData(&format, &medium);
   std::printf("GetDataObjectFromMemory, GetData(CF_TEXT): 0x%08lX \"%s\"\n", hr,
               SUCCEEDED(hr) ? static_cast<const char*>(medium.hGlobal) : "");
@@ -230,7 +207,7 @@ void UseDataObjectAndPages(HMODULE library) {
 
   const GUID pages[] = {kEnumGUID, kEnumGUID};
   CAUUID list = {};
-  hr = addPages(&list, pages, 2);
+  hr = AddPropPageIDs(&list, pages, 2);
   std::printf("AddPropPageIDs: 0x%08lX, %lu pages\n", hr, list.cElems);
   CoTaskMemFree(list.pElems);
 }
@@ -238,28 +215,22 @@ void UseDataObjectAndPages(HMODULE library) {
 // The library registers itself under regsvr32; the client reads the name of
 // one of its classes back from the registry and makes one of its classes by
 // ProgID, then unregisters it again.
-void ShowRegistration(HMODULE library) {
+void ShowRegistration() {
   char path[MAX_PATH];
-  const std::string file(path, GetModuleFileNameA(library, path, MAX_PATH));
-  auto getClassName = Export<decltype(&CoReg_GetClassNameA)>(library, "CoReg_GetClassNameA");
-  if (!getClassName) return;
+  const std::string file(path,
+                         GetModuleFileNameA(GetModuleHandleW(L"XKComBsD.dll"), path, MAX_PATH));
   Regsvr32("", file);
-  ShowClassName(getClassName);
+  ShowClassName();
   ListEnumStringByProgID();
   UsePropertyBagByProgID();
   Regsvr32("/u ", file);
-  ShowClassName(getClassName);
+  ShowClassName();
 }
 
 // A VARIANT saved into a registry value through a stream over the registry
 // store (a commit flushes the store into the key), and loaded back from the
 // bytes the registry holds.
-void VariantThroughTheRegistry(HMODULE library) {
-  auto onRegKey = Export<decltype(&CreateLockBytesOnRegKey)>(library, "CreateLockBytesOnRegKey");
-  auto onLockBytes = Export<decltype(&CreateStreamOnLockBytes)>(library, "CreateStreamOnLockBytes");
-  auto save = Export<decltype(&VARIANT_SaveToStream)>(library, "VARIANT_SaveToStream");
-  auto load = Export<decltype(&VARIANT_LoadFromStream)>(library, "VARIANT_LoadFromStream");
-  if (!onRegKey || !onLockBytes || !save || !load) return;
+void VariantThroughTheRegistry() {
   const wchar_t kKey[] = L"Software\\XKComBsD demo";
   HKEY key;
   if (RegCreateKeyW(HKEY_CURRENT_USER, kKey, &key) != ERROR_SUCCESS) return;
@@ -268,9 +239,9 @@ void VariantThroughTheRegistry(HMODULE library) {
   VARIANT saved, loaded;
   V_VT(&saved) = VT_BSTR, V_BSTR(&saved) = SysAllocString(L"Kept in the registry");
   VariantInit(&loaded);
-  HRESULT hr = onRegKey(HKEY_CURRENT_USER, kKey, 0, &store);
-  if (SUCCEEDED(hr)) hr = onLockBytes(store, 0, &stream);
-  if (SUCCEEDED(hr)) hr = save(stream, &saved);
+  HRESULT hr = CreateLockBytesOnRegKey(HKEY_CURRENT_USER, kKey, 0, &store);
+  if (SUCCEEDED(hr)) hr = CreateStreamOnLockBytes(store, 0, &stream);
+  if (SUCCEEDED(hr)) hr = VARIANT_SaveToStream(stream, &saved);
   if (SUCCEEDED(hr)) hr = stream->Commit(STGC_DEFAULT);
   BYTE value[256];
   DWORD cb = sizeof value;
@@ -281,7 +252,7 @@ void VariantThroughTheRegistry(HMODULE library) {
   if (SUCCEEDED(CreateStreamOnHGlobal(nullptr, TRUE, &back))) {
     back->Write(value, cb, nullptr);
     back->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-    hr = load(back, &loaded);
+    hr = VARIANT_LoadFromStream(back, &loaded);
     std::printf("VARIANT_LoadFromStream from those bytes: 0x%08lX \"%s\"\n", hr,
                 Utf8(V_BSTR(&loaded)).c_str());
     back->Release();
@@ -301,36 +272,31 @@ int main() {
   xktest::DebugOutputCapture capture;
   size_t shown = 0;
 
-  std::printf("Loading XKComBsD.dll; its debugger output:\n");
-  HMODULE library = LoadLibraryW(L"XKComBsD.dll");
-  ShowTrace(capture, &shown);
-  if (!library) {
-    std::printf("XKComBsD.dll could not be loaded (error %lu)\n", GetLastError());
-    return 1;
-  }
-
-  auto getVersion = Export<decltype(&DllGetVersion)>(library, "DllGetVersion");
-  auto qvGetVersion = Export<decltype(&QvDllGetVersion)>(library, "QvDllGetVersion");
+  // The demo links a delay-load import library, so the library loads on the
+  // first call into it, after the capture is in place; every call below is
+  // by name through the import library.
+  std::printf("Loading XKComBsD.dll at the first call into it; its debugger output:\n");
   DLLVERSIONINFO info = {sizeof info};
-  if (getVersion && SUCCEEDED(getVersion(&info)))
+  const HRESULT versioned = DllGetVersion(&info);
+  ShowTrace(capture, &shown);
+  if (SUCCEEDED(versioned))
     std::printf("DllGetVersion:   %lu.%lu build %lu (platform %lu)\n", info.dwMajorVersion,
                 info.dwMinorVersion, info.dwBuildNumber, info.dwPlatformID);
-  if (qvGetVersion) {
-    DWORD low = 0;
-    const DWORD high = qvGetVersion(&low);
-    std::printf("QvDllGetVersion: 0x%08lX 0x%08lX, file version %lu.%lu.%lu.%lu\n", high, low,
-                HIWORD(high), LOWORD(high), HIWORD(low), LOWORD(low));
-  }
+  DWORD low = 0;
+  const DWORD high = QvDllGetVersion(&low);
+  std::printf("QvDllGetVersion: 0x%08lX 0x%08lX, file version %lu.%lu.%lu.%lu\n", high, low,
+              HIWORD(high), LOWORD(high), HIWORD(low), LOWORD(low));
 
-  BstrRoundTrip(library);
-  GuidRoundTrip(library);
-  UseDispatchHelpers(library);
-  UseDataObjectAndPages(library);
-  ShowRegistration(library);
-  VariantThroughTheRegistry(library);
+  BstrRoundTrip();
+  GuidRoundTrip();
+  UseDispatchHelpers();
+  UseDataObjectAndPages();
+  ShowRegistration();
+  VariantThroughTheRegistry();
 
   std::printf("Unloading XKComBsD.dll; its debugger output:\n");
-  FreeLibrary(library);
+  // Let go of the one reference the delay-load helper took.
+  FreeLibrary(GetModuleHandleW(L"XKComBsD.dll"));
   ShowTrace(capture, &shown);
   return 0;
 }
