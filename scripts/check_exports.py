@@ -80,6 +80,13 @@ def read_dll(objdump, dll):
     return exports, imports
 
 
+def report(subject, problems):
+    """Prints one line per problem; the exit code of a check."""
+    for p in problems:
+        print(f"{subject}: {p}", file=sys.stderr)
+    return 1 if problems else 0
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--objdump", required=True)
@@ -114,9 +121,7 @@ def main():
             elif number not in ordinals:
                 problems.append(f"imports ordinal {number} from {dll}, which is not allowed")
 
-    for p in problems:
-        print(f"{args.dll}: {p}", file=sys.stderr)
-    return 1 if problems else 0
+    return report(args.dll, problems)
 
 
 if __name__ == "__main__":

@@ -16,7 +16,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from check_exports import read_dll, read_expected  # noqa: E402
+from check_exports import read_dll, read_expected, report  # noqa: E402
 
 
 def read_def(path):
@@ -72,9 +72,7 @@ def main():
             problems.append(f"ordinal {ordinal} is not imported by ordinal")
         elif name is not None and name not in by_name:
             problems.append(f"'{name}' (ordinal {ordinal}) is not imported by name")
-    for p in problems:
-        print(f"{args.library}: {p}", file=sys.stderr)
-    return 1 if problems else 0
+    return report(args.library, problems)
 
 
 if __name__ == "__main__":
