@@ -134,6 +134,85 @@ bool GuidIs(const ByteReader& in, size_t start, const GUID& guid) {
   return true;
 }
 
+// How a VARIANT record's 8 value bytes read, by the type in its first 2 bytes.
+enum class Show { kNothing, kSigned, kUnsigned, kReal, kCurrency, kCode, kBool, kBstr, kObject };
+
+struct VariantType {
+  unsigned vt;
+  const char* name;
+  size_t width;  // value bytes shown
+  Show show;
+};
+
+// The types the library saves and loads; every other vt is refused both ways.
+const VariantType kVariantTypes[] = {
+    {VT_EMPTY, "VT_EMPTY", 0, Show::kNothing},
+    {VT_NULL, "VT_NULL", 0, Show::kNothing},
+    {VT_I2, "VT_I2", 2, Show::kSigned},
+    {VT_I4, "VT_I4", 4, Show::kSigned},
+    {VT_R4, "VT_R4", 4, Show::kReal},
+    {VT_R8, "VT_R8", 8, Show::kReal},
+    {VT_CY, "VT_CY", 8, Show::kCurrency},
+    {VT_DATE, "VT_DATE", 8, Show::kReal},
+    {VT_BSTR, "VT_BSTR", 0, Show::kBstr},
+    {VT_DISPATCH, "VT_DISPATCH", 0, Show::kObject},
+    {VT_ERROR, "VT_ERROR", 4, Show::kCode},
+    {VT_BOOL, "VT_BOOL", 2, Show::kBool},
+    {VT_UNKNOWN, "VT_UNKNOWN", 0, Show::kObject},
+    {VT_I1, "VT_I1", 1, Show::kSigned},
+    {VT_UI1, "VT_UI1", 1, Show::kUnsigned},
+    {VT_UI2, "VT_UI2", 2, Show::kUnsigned},
+    {VT_UI4, "VT_UI4", 4, Show::kUnsigned},
+    {VT_INT, "VT_INT", 4, Show::kSigned},
+    {VT_UINT, "VT_UINT", 4, Show::kUnsigned},
+};
+
+const VariantType* FindVariantType(unsigned vt) {
+  for (const VariantType& type : kVariantTypes)
+    if (type.vt == vt) return &type;
+  return nullptr;
+}
+
+// A VT_R4 value is a float in the first 4 bytes, the others a double.
+double RealOf(uint64_t bits, size_t width) {
+  if (width == 8) {
+    double wide;
+    std::memcpy(&wide, &bits, 8);
+    return wide;
+  }
+  float narrow;
+  const auto narrowBits = static_cast<uint32_t>(bits);
+  std::memcpy(&narrow, &narrowBits, 4);
+  return narrow;
+}
+
+// bits holds width little-endian value bytes, zero-extended.
+std::string ValueText(uint64_t bits, size_t width, Show show) {
+  const unsigned shift = static_cast<unsigned>(64 - 8 * width);
+  const auto signedValue = static_cast<int64_t>(bits << shift) >> shift;
+  switch (show) {
+    case Show::kSigned:
+      return Format("%lld", static_cast<long long>(signedValue));
+    case Show::kReal:
+      return Format(width == 4 ? "%.9g" : "%.17g", RealOf(bits, width));
+    case Show::kCurrency: {  // exact: a scaled 64-bit integer does not fit a double
+      const uint64_t magnitude = signedValue < 0 ? 0 - static_cast<uint64_t>(signedValue)
+                                                 : static_cast<uint64_t>(signedValue);
+      return Format("%s%llu.%04llu", signedValue < 0 ? "-" : "",
+                    static_cast<unsigned long long>(magnitude / 10000),
+                    static_cast<unsigned long long>(magnitude % 10000));
+    }
+    case Show::kCode:
+      return Format("0x%08llX", static_cast<unsigned long long>(bits));
+    case Show::kBool:
+      return bits == 0        ? "false"
+             : bits == 0xFFFF ? "true"
+                              : Format("0x%04llX", static_cast<unsigned long long>(bits));
+    default:
+      return Format("%llu", static_cast<unsigned long long>(bits));
+  }
+}
+
 // Decodes records and collects one line for each; a broken rule is thrown as
 // Corrupt, after the lines of every record before it.
 class Inspector {
@@ -211,72 +290,16 @@ class Inspector {
   std::string Variant() {
     const size_t start = m_in.Skip(16, "VARIANT");
     const unsigned vt = m_in.At(start) | m_in.At(start + 1) << 8;
-    const size_t value = start + 8;
-    auto number = [&](size_t width) {
-      uint64_t bits = 0;
-      for (size_t i = width; i-- > 0;) bits = bits << 8 | m_in.At(value + i);
-      return bits;
-    };
-    auto real = [&](size_t width) {
-      const uint64_t bits = number(width);
-      if (width == 4) {
-        float f;
-        const auto narrow = static_cast<uint32_t>(bits);
-        std::memcpy(&f, &narrow, 4);
-        return static_cast<double>(f);
-      }
-      double d;
-      std::memcpy(&d, &bits, 8);
-      return d;
-    };
-    switch (vt) {
-      case VT_EMPTY:
-        return "VT_EMPTY";
-      case VT_NULL:
-        return "VT_NULL";
-      case VT_I2:
-        return Format("VT_I2 %d", static_cast<int16_t>(number(2)));
-      case VT_I4:
-        return Format("VT_I4 %d", static_cast<int32_t>(number(4)));
-      case VT_R4:
-        return Format("VT_R4 %.9g", real(4));
-      case VT_R8:
-        return Format("VT_R8 %.17g", real(8));
-      case VT_CY:
-        return Format("VT_CY %.4f", static_cast<double>(static_cast<int64_t>(number(8))) / 10000);
-      case VT_DATE:
-        return Format("VT_DATE %.17g", real(8));
-      case VT_BSTR:
-        return "VT_BSTR " + Bstr();
-      case VT_DISPATCH:
-        return "VT_DISPATCH " + Object();
-      case VT_ERROR:
-        return Format("VT_ERROR 0x%08X", static_cast<unsigned>(number(4)));
-      case VT_BOOL: {
-        const unsigned flag = static_cast<unsigned>(number(2));
-        return flag == 0        ? "VT_BOOL false"
-               : flag == 0xFFFF ? "VT_BOOL true"
-                                : Format("VT_BOOL 0x%04X", flag);
-      }
-      case VT_UNKNOWN:
-        return "VT_UNKNOWN " + Object();
-      case VT_I1:
-        return Format("VT_I1 %d", static_cast<int8_t>(number(1)));
-      case VT_UI1:
-        return Format("VT_UI1 %u", static_cast<unsigned>(number(1)));
-      case VT_UI2:
-        return Format("VT_UI2 %u", static_cast<unsigned>(number(2)));
-      case VT_UI4:
-        return Format("VT_UI4 %u", static_cast<unsigned>(number(4)));
-      case VT_INT:
-        return Format("VT_INT %d", static_cast<int32_t>(number(4)));
-      case VT_UINT:
-        return Format("VT_UINT %u", static_cast<unsigned>(number(4)));
-      case VT_ARRAY:
-        throw Corrupt{start, "VT_ARRAY: the library writes no array records"};
-      default:
-        throw Corrupt{start, Format("unknown VARIANT type 0x%04X", vt)};
-    }
+    const VariantType* type = FindVariantType(vt);
+    if (!type && vt == VT_ARRAY)
+      throw Corrupt{start, "VT_ARRAY: the library writes no array records"};
+    if (!type) throw Corrupt{start, Format("unknown VARIANT type 0x%04X", vt)};
+    const std::string name = type->name;
+    if (type->show == Show::kBstr) return name + " " + Bstr();
+    if (type->show == Show::kObject) return name + " " + Object();
+    uint64_t bits = 0;
+    for (size_t i = type->width; i-- > 0;) bits = bits << 8 | m_in.At(start + 8 + i);
+    return type->width ? name + " " + ValueText(bits, type->width, type->show) : name;
   }
 
   // The writer rounds the name's byte length up to a multiple of 4 and pads
