@@ -20,15 +20,12 @@ struct Inspection {
   std::string output;  // text mode: lines end in "\n"
 };
 
-// The inspector lies beside this program; the shell finds it by its full name.
+// The suite runs in the folder of the programs, where the shell finds the inspector.
 Inspection Inspect(const std::string& kinds, const Bytes& bytes) {
   std::ofstream("xkinspect_test.bin", std::ios::binary)
       .write(reinterpret_cast<const char*>(bytes.data()),
              static_cast<std::streamsize>(bytes.size()));
-  char self[MAX_PATH];
-  const std::string program(self, GetModuleFileNameA(nullptr, self, MAX_PATH));
-  const std::string inspector = program.substr(0, program.rfind('\\')) + "\\xkinspect.exe";
-  FILE* pipe = _popen(("\"" + inspector + "\" --as " + kinds + " xkinspect_test.bin").c_str(), "r");
+  FILE* pipe = _popen(("xkinspect.exe --as " + kinds + " xkinspect_test.bin").c_str(), "r");
   Inspection run = {-1, ""};
   if (!pipe) return run;
   char line[512];
