@@ -104,7 +104,6 @@ TEST_F(RecordInspectorTest, DecodesOneRecordOfEveryKindAsTheLibraryWroteIt) {
 }
 
 TEST_F(RecordInspectorTest, NamesTheFirstByteThatDoesNotFit) {
-  const Bytes zeros14(14, 0);
   const struct {
     const char* kinds;
     Bytes bytes;
@@ -116,17 +115,11 @@ TEST_F(RecordInspectorTest, NamesTheFirstByteThatDoesNotFit) {
       {"bstr", {4, 0, 0, 0, 'a', 0, 'b', 0}, 6, "BSTR does not end in a NUL"},
       {"olestr", {3, 0, 0, 0, 'a', 0, 0}, 0, "odd OLE-string byte count 3"},
       {"olestr", {6, 0, 0, 0, 'a', 0, 0, 0, 'b', 0}, 6, "NUL character before the end"},
-      {"bstr,variant", Concat({0, 0, 0, 0, 20, 0}, zeros14), 4, "unknown VARIANT type 0x0014"},
-      {"variant", Concat({0, 0x20}, zeros14), 0, "VT_ARRAY"},
-      {"property",
-       {6, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0},
-       0,
-       "name length 6 is not a positive multiple"},
+      {"bstr,variant", Concat({0, 0, 0, 0, 20, 0}, Bytes(14, 0)), 4, "unknown VARIANT type 0x0014"},
+      {"variant", Concat({0, 0x20}, Bytes(14, 0)), 0, "VT_ARRAY"},
+      {"property", {6, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0}, 0, "name length 6 is not a positive"},
       {"property", {4, 0, 0, 0, 0, 0, 'a', 0}, 4, "empty property name"},
-      {"property",
-       {8, 0, 0, 0, 'a', 0, 0, 0, 0, 0, 0, 0},
-       0,
-       "name length 8 does not fit the 1-character"},
+      {"property", {8, 0, 0, 0, 'a', 0, 0, 0, 0, 0, 0, 0}, 0, "name length 8 does not fit"},
       {"bag", Concat({2}, Bytes(15, 0)), 0, "property-bag header version 2"},
       {"bag", BagHeader(9), 4, "9 properties need at least 216 bytes"},
       {"object,bag", Bytes(17, 0), 17, "input ends inside the property-bag header"},
