@@ -23,32 +23,19 @@ constexpr char kSource[] = "MOMemLkB";
 constexpr int kContiguousSizeChecks = 497;
 constexpr int kBlockListSizeChecks = 1048;
 
-constexpr HRESULT kNothingToDo = S_FALSE;
-
-// What ReadAt and WriteAt check before touching the store, in this order: the
-// buffer, then (with the count cleared) an empty transfer, which succeeds at
-// once, then the 32-bit range. S_OK means go on.
-HRESULT CheckTransfer(ULARGE_INTEGER offset, const void* pv, ULONG cb, ULONG* pcb) {
-  if (!pv) return E_POINTER;
-  if (pcb) *pcb = 0;
-  if (cb == 0) return kNothingToDo;
-  // The first test keeps the sum from wrapping for offsets near 2^64.
-  const bool inRange = offset.QuadPart < kAddressLimit && offset.QuadPart + cb < kAddressLimit;
-  return inRange ? S_OK : STG_E_MEDIUMFULL;
-}
-
 // The ILockBytes contract both store classes keep; Derived supplies the bytes
 // (CopyOut, CopyIn) and the change of size (Resize), called under the lock
 // with every argument already checked.
-template <class Derived, class ThreadModel>
-class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &IID_ILockBytes> {
+template <class Derived, class ThreadModel, class Size>
+class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &IID_ILockBytes>,
+                    public Size {
  public:
   STDMETHODIMP ReadAt(ULARGE_INTEGER ulOffset, void* pv, ULONG cb, ULONG* pcbRead) override {
-    const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbRead);
+    const HRESULT checked = CheckTransfer(ulOffset.QuadPart, pv, cb, pcbRead);
     if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
     auto guard = this->Locked();
     const ULONG offset = ulOffset.LowPart;
-    const ULONG n = offset >= m_si ? 0 : Smaller(cb, m_si - offset);
+    const ULONG n = offset >= this->m_si ? 0 : Smaller(cb, this->m_si - offset);
     if (n) Self().CopyOut(offset, static_cast<BYTE*>(pv), n);
     if (pcbRead) *pcbRead = n;
     return S_OK;
@@ -56,12 +43,12 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
 
   STDMETHODIMP WriteAt(ULARGE_INTEGER ulOffset, const void* pv, ULONG cb,
                        ULONG* pcbWritten) override {
-    const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbWritten);
+    const HRESULT checked = CheckTransfer(ulOffset.QuadPart, pv, cb, pcbWritten);
     if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
     auto guard = this->Locked();
     const ULONG offset = ulOffset.LowPart;
     const ULONG end = offset + cb;
-    if (end > m_si) {
+    if (end > this->m_si) {
       ULARGE_INTEGER size;
       size.QuadPart = end;
       const HRESULT hr = SetSize(size);
@@ -78,7 +65,7 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
     if (cb.QuadPart >= kAddressLimit) return STG_E_MEDIUMFULL;
     auto guard = this->Locked();
     if (m_max && cb.LowPart > m_max) return STG_E_MEDIUMFULL;
-    if (cb.LowPart == m_si) return S_OK;
+    if (cb.LowPart == this->m_si) return S_OK;
     return Self().Resize(cb.LowPart);
   }
 
@@ -89,7 +76,7 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
     auto guard = this->Locked();
     *pstatstg = STATSTG{};
     pstatstg->type = STGTY_LOCKBYTES;
-    pstatstg->cbSize.QuadPart = m_si;
+    pstatstg->cbSize.QuadPart = this->m_si;
     return S_OK;
   }
 
@@ -100,12 +87,11 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
   HRESULT ResizeFixed(ULONG siNew, int firstCheckLine) {
     Verify(m_max > 0, {kSource, firstCheckLine, "m_max > 0"});
     Verify(siNew <= m_max, {kSource, firstCheckLine + 1, "siNew <= m_max"});
-    Verify(m_si <= m_max, {kSource, firstCheckLine + 2, "m_si <= m_max"});
-    m_si = siNew;
+    Verify(this->m_si <= m_max, {kSource, firstCheckLine + 2, "m_si <= m_max"});
+    this->m_si = siNew;
     return S_OK;
   }
 
-  ULONG m_si = 0;   // (lock) current size
   ULONG m_max = 0;  // read-only after initialisation; 0 = no maximum
 
  private:
@@ -115,21 +101,33 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
 // ---- one contiguous buffer: growable (kinds 2 to 4) or the caller's (kind 5) ----
 
 template <class ThreadModel>
-class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel> {
-  using Base = MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel>;
+class MemoryLockBytes final
+    : public MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel, ContiguousBytes> {
+  using Base = MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel, ContiguousBytes>;
   friend Base;
 
  public:
   // Takes over the creator's reference to allocator (empty for a caller's buffer).
   MemoryLockBytes(DWORD flags, MLRelItf<IAllocator>&& allocator)
-      : Base(flags), m_allocator(std::move(allocator)) {}
+      : Base(flags), m_allocator(std::move(allocator)) {
+    this->m_storeLock = this->OwnLock();
+  }
+
+  // The streams' way in to the buffer; no caller of ILockBytes knows the identifier.
+  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
+    if (!ppv || iid != kIidContiguousBytes) return Base::QueryInterface(iid, ppv);
+    *ppv = static_cast<ContiguousBytes*>(this);
+    this->AddRef();
+    return S_OK;
+  }
 
   HRESULT Initialise(void* pv, ULONG siInitial, ULONG siMax) {
     if (!m_allocator && (!pv || siInitial == 0)) return E_INVALIDARG;
-    m_buffer = static_cast<BYTE*>(pv);
+    this->m_buffer = static_cast<BYTE*>(pv);
     this->m_max = siMax;
     if (pv || siInitial == 0) {
       this->m_si = siInitial;
+      this->m_capacity = m_allocator ? siInitial : siMax;
       return S_OK;
     }
     ULARGE_INTEGER size;
@@ -150,8 +148,8 @@ class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, T
       // An empty store has no buffer; WriteFile still wants a readable address.
       BYTE none = 0;
       DWORD written = 0;
-      if (!WriteFile(file.get(), m_buffer ? m_buffer : &none, this->m_si, &written, NULL))
-        hr = HResultFromLastError();
+      BYTE* bytes = this->m_buffer ? this->m_buffer : &none;
+      if (!WriteFile(file.get(), bytes, this->m_si, &written, NULL)) hr = HResultFromLastError();
     }
     file.Reset();  // closed before a failed save may delete it
     if (FAILED(hr) && !existed) DeleteFileW(fileName);
@@ -160,36 +158,39 @@ class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, T
 
  private:
   ~MemoryLockBytes() override {
-    if (m_allocator && m_buffer && !(this->m_flags & QVCLBOMF_NOFREE)) m_allocator->Free(m_buffer);
+    if (m_allocator && this->m_buffer && !(this->m_flags & QVCLBOMF_NOFREE))
+      m_allocator->Free(this->m_buffer);
   }
 
-  void CopyOut(ULONG offset, BYTE* to, ULONG n) { memcpy(to, m_buffer + offset, n); }
-  void CopyIn(ULONG offset, const BYTE* from, ULONG n) { memcpy(m_buffer + offset, from, n); }
+  void CopyOut(ULONG offset, BYTE* to, ULONG n) { MemCopy(to, this->m_buffer + offset, n); }
+  void CopyIn(ULONG offset, const BYTE* from, ULONG n) {
+    MemCopy(this->m_buffer + offset, from, n);
+  }
 
   HRESULT Resize(ULONG siNew) {
     if (!m_allocator) return this->ResizeFixed(siNew, kContiguousSizeChecks);
     if (siNew == 0) {
-      m_allocator->Realloc(m_buffer, 0);  // frees
-      m_buffer = NULL;
-      this->m_si = 0;
+      m_allocator->Realloc(this->m_buffer, 0);  // frees
+      this->m_buffer = NULL;
+      this->m_si = this->m_capacity = 0;
       return S_OK;
     }
-    void* grown = m_allocator->Realloc(m_buffer, siNew);
+    void* grown = m_allocator->Realloc(this->m_buffer, siNew);
     if (!grown) return STG_E_MEDIUMFULL;  // the old buffer is intact
-    m_buffer = static_cast<BYTE*>(grown);
-    this->m_si = siNew;
+    this->m_buffer = static_cast<BYTE*>(grown);
+    this->m_si = this->m_capacity = siNew;
     return S_OK;
   }
 
   MLRelItf<IAllocator> m_allocator;  // read-only after construction; empty for kind 5
-  BYTE* m_buffer = NULL;             // (lock) exactly m_si bytes, or NULL
 };
 
 // ---- a list of caller buffers forming one address space (kind 6) ----
 
 template <class ThreadModel>
-class BlockLockBytes final : public MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel> {
-  using Base = MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel>;
+class BlockLockBytes final
+    : public MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel, StoreSize> {
+  using Base = MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel, StoreSize>;
   friend Base;
 
  public:

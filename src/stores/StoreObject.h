@@ -11,6 +11,10 @@
 #include <xkcombsd/Stores.h>
 #include <xkcombsd/ThreadModel.h>
 
+#include <type_traits>
+
+#include "frame/RuntimePrimitives.h"
+
 namespace xk::stores {
 
 // The stores and streams address 32 bits; any transfer or size that reaches
@@ -18,6 +22,79 @@ namespace xk::stores {
 constexpr ULONGLONG kAddressLimit = 0x100000000ull;
 
 inline ULONG Smaller(ULONG a, ULONG b) { return a < b ? a : b; }
+
+constexpr HRESULT kNothingToDo = S_FALSE;
+
+// What ReadAt and WriteAt check before touching the store, in this order: the
+// buffer, then (with the count cleared) an empty transfer, which succeeds at
+// once, then the 32-bit range. S_OK means go on.
+inline HRESULT CheckTransfer(ULONGLONG offset, const void* pv, ULONG cb, ULONG* pcb) {
+  if (!pv) return E_POINTER;
+  if (pcb) *pcb = 0;
+  if (cb == 0) return kNothingToDo;
+  // The first test keeps the sum from wrapping for offsets near 2^64.
+  const bool inRange = offset < kAddressLimit && offset + cb < kAddressLimit;
+  return inRange ? S_OK : STG_E_MEDIUMFULL;
+}
+
+// Holds a lock chosen at run time for the caller's scope; NULL holds nothing.
+class HeldLock {
+ public:
+  explicit HeldLock(CriticalSectionLock* lock) : m_lock(lock) {
+    if (m_lock) m_lock->Lock();
+  }
+  ~HeldLock() {
+    if (m_lock) m_lock->Unlock();
+  }
+  HeldLock(const HeldLock&) = delete;
+  HeldLock& operator=(const HeldLock&) = delete;
+
+ private:
+  CriticalSectionLock* m_lock;
+};
+
+// A store whose bytes are one buffer in this process (a growable store or a
+// caller's fixed buffer). A stream over one reads and writes the buffer in
+// place under the store's lock, so a small transfer costs no further call;
+// whatever changes the buffer itself still goes through ILockBytes.
+class ContiguousBytes {
+ public:
+  // NULL for a store that does no locking.
+  CriticalSectionLock* StoreLock() const { return m_storeLock; }
+  ULONG m_si = 0;  // (lock) current size
+
+  // ReadAt and WriteAt for a range CheckTransfer accepted, under StoreLock().
+  ULONG ReadInPlace(ULONG offset, void* to, ULONG cb) const {
+    const ULONG n = offset >= m_si ? 0 : Smaller(cb, m_si - offset);
+    if (n) MemCopy(to, m_buffer + offset, n);
+    return n;
+  }
+  // False, with nothing written, when the buffer must change first.
+  bool WriteInPlace(ULONG offset, const void* from, ULONG cb) {
+    const ULONG end = offset + cb;
+    if (end > m_capacity) return false;
+    if (end > m_si) m_si = end;  // the spare bytes are already the store's
+    MemCopy(m_buffer + offset, from, cb);
+    return true;
+  }
+
+ protected:
+  BYTE* m_buffer = NULL;  // (lock) m_capacity bytes, or NULL
+  // (lock) bytes the buffer holds: m_si, or more where spare capacity is kept;
+  // never above the maximum size
+  ULONG m_capacity = 0;
+  CriticalSectionLock* m_storeLock = NULL;  // read-only after construction
+};
+
+// The size of a store that is not one buffer (a list of caller blocks).
+struct StoreSize {
+  ULONG m_si = 0;  // (lock) current size
+};
+
+// Answered only by the library's contiguous stores, with their ContiguousBytes;
+// asked by a stream as it is made. It names no published interface.
+constexpr IID kIidContiguousBytes = {
+    0x00517663, 0x00FF, 0x0001, {0x01, 0x02, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64}};
 
 // No store locks regions of its bytes; each says so the same way.
 class LockBytesWithoutRegions : public ILockBytes {
@@ -37,6 +114,13 @@ class StoreCore : public MORefCnt<ThreadModel> {
   // form, so a method may call another that takes it again.
   MLLock<typename ThreadModel::Lock> Locked() {
     return MLLock<typename ThreadModel::Lock>(&m_lock);
+  }
+  // The same lock for HeldLock: NULL in the unlocked form.
+  CriticalSectionLock* OwnLock() {
+    if constexpr (std::is_same_v<typename ThreadModel::Lock, CriticalSectionLock>)
+      return &m_lock;
+    else
+      return nullptr;
   }
 
  private:
