@@ -1,8 +1,10 @@
 // Memory lock-bytes: the six kinds of CreateLockBytesOnMemory. A growable
 // store owns exactly one buffer of exactly m_si bytes (or none) from its
 // allocator: growth is exact, with no spare capacity, and grown bytes are not
-// cleared. A fixed store (one caller buffer, or a list of them) only moves its
-// size between 0 and the caller's size. Every store addresses 32 bits.
+// cleared. With QVCLBOMF_SPARE the buffer may hold more than m_si bytes, and
+// only the allocations change: every answer still follows m_si. A fixed store (one caller buffer,
+// or a list of them) only moves its size between 0 and the caller's size. Every store addresses 32
+// bits.
 #include <xkcombsd/ScopedValue.h>
 #include <xkcombsd/Stores.h>
 
@@ -22,6 +24,13 @@ constexpr char kSource[] = "MOMemLkB";
 // First line of the three size invariants of a fixed store's SetSize.
 constexpr int kContiguousSizeChecks = 497;
 constexpr int kBlockListSizeChecks = 1048;
+
+// QVCLBOMF_SPARE doubles the buffer, from this many bytes, but never adds more
+// than kLargestSpare at once: a store of hundreds of megabytes does not reserve
+// as much again. Left to us; these keep the spare below half the buffer once
+// it is large and the number of reallocations logarithmic below that.
+constexpr ULONG kSmallestBuffer = 64;
+constexpr ULONG kLargestSpare = 64u << 20;
 
 // The ILockBytes contract both store classes keep; Derived supplies the bytes
 // (CopyOut, CopyIn) and the change of size (Resize), called under the lock
@@ -175,11 +184,31 @@ class MemoryLockBytes final
       this->m_si = this->m_capacity = 0;
       return S_OK;
     }
-    void* grown = m_allocator->Realloc(this->m_buffer, siNew);
+    const bool spare = (this->m_flags & QVCLBOMF_SPARE) != 0;
+    if (spare && siNew <= this->m_capacity) {
+      this->m_si = siNew;  // shrinking keeps the buffer, as growing back will want it
+      return S_OK;
+    }
+    ULONG capacity = spare ? SpareCapacity(siNew) : siNew;
+    void* grown = m_allocator->Realloc(this->m_buffer, capacity);
+    // Short of memory for the spare bytes, the store still grows exactly.
+    if (!grown && capacity != siNew) grown = m_allocator->Realloc(this->m_buffer, capacity = siNew);
     if (!grown) return STG_E_MEDIUMFULL;  // the old buffer is intact
     this->m_buffer = static_cast<BYTE*>(grown);
-    this->m_si = this->m_capacity = siNew;
+    this->m_capacity = capacity;
+    this->m_si = siNew;
     return S_OK;
+  }
+
+  // Room for at least siNew bytes: the buffer doubled, within kLargestSpare,
+  // the maximum size and the 32-bit range.
+  ULONG SpareCapacity(ULONG siNew) const {
+    const ULONGLONG limit = this->m_max ? this->m_max : kAddressLimit - 1;
+    const ULONGLONG old = this->m_capacity;
+    ULONGLONG capacity = old + (old < kLargestSpare ? old : kLargestSpare);
+    if (capacity < kSmallestBuffer) capacity = kSmallestBuffer;
+    if (capacity < siNew) capacity = siNew;
+    return static_cast<ULONG>(capacity < limit ? capacity : limit);
   }
 
   MLRelItf<IAllocator> m_allocator;  // read-only after construction; empty for kind 5
@@ -346,8 +375,13 @@ HRESULT CreateBlockListLockBytes(const LOCKBYTESBLOCK* blocks, ULONG si, DWORD f
 }
 
 // Kinds 1 to 6 are the valid ones; each wants its own pv, si and allocSource.
+// Spare capacity is for the growable buffers: the fixed kinds cannot grow, and
+// the HGLOBAL kind is the platform's store, which grows its own way.
 HRESULT CheckKindArguments(DWORD flags, void* pv, ULONG si, ULONG_PTR allocSource) {
-  switch (flags & QVCLBOMF_TYPEMASK) {
+  const DWORD kind = flags & QVCLBOMF_TYPEMASK;
+  const bool growable = kind >= QVCLBOMF_TASKALLOCATOR && kind <= QVCLBOMF_ALLOCATOR;
+  if ((flags & QVCLBOMF_SPARE) && !growable) return E_INVALIDARG;
+  switch (kind) {
     case QVCLBOMF_HGLOBAL:
       return (allocSource || (flags & QVCLBOMF_ADOPT)) ? E_INVALIDARG : S_OK;
     case QVCLBOMF_TASKALLOCATOR:
