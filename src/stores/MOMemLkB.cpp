@@ -122,13 +122,7 @@ class MemoryLockBytes final
     this->m_storeLock = this->OwnLock();
   }
 
-  // The streams' way in to the buffer; no caller of ILockBytes knows the identifier.
-  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv || iid != kIidContiguousBytes) return Base::QueryInterface(iid, ppv);
-    *ppv = static_cast<ContiguousBytes*>(this);
-    this->AddRef();
-    return S_OK;
-  }
+  ContiguousBytes* Contiguous() override { return this; }
 
   HRESULT Initialise(void* pv, ULONG siInitial, ULONG siMax) {
     if (!m_allocator && (!pv || siInitial == 0)) return E_INVALIDARG;

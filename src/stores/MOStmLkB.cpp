@@ -16,8 +16,10 @@ namespace {
 // the call, larger ones one from the task allocator.
 class CopyBuffer {
  public:
+  static constexpr ULONG kInside = 512;
+
   explicit CopyBuffer(ULONG cb)
-      : m_bytes(cb <= sizeof m_inside ? m_inside : static_cast<BYTE*>(CoTaskMemAlloc(cb))) {}
+      : m_bytes(cb <= kInside ? m_inside : static_cast<BYTE*>(CoTaskMemAlloc(cb))) {}
   ~CopyBuffer() {
     if (m_bytes != m_inside) CoTaskMemFree(m_bytes);
   }
@@ -27,7 +29,7 @@ class CopyBuffer {
   BYTE* get() const { return m_bytes; }
 
  private:
-  BYTE m_inside[512];
+  BYTE m_inside[kInside];
   BYTE* m_bytes;
 };
 
@@ -125,6 +127,8 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
     if (!pstm) return E_POINTER;
     // The whole count goes through memory at once; "copy everything" idioms fail here.
     if (cb.QuadPart >= kAddressLimit) return STG_E_MEDIUMFULL;
+    if (cb.LowPart > CopyBuffer::kInside && CopiesInPlaceTo(pstm))
+      return CopyInPlace(pstm, cb.LowPart, pcbRead, pcbWritten);
     CopyBuffer buffer(cb.LowPart);
     if (!buffer.get()) return E_OUTOFMEMORY;
 
@@ -184,6 +188,35 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
     ULARGE_INTEGER at;
     at.QuadPart = offset;
     return at;
+  }
+
+  ContiguousBytes* Contiguous() override { return m_direct; }
+
+  // A target that is another of the library's streams, over another store,
+  // cannot move or free this stream's buffer while it writes, so it is given
+  // the bytes where they lie instead of a copy of the whole count.
+  bool CopiesInPlaceTo(IStream* pstm) {
+    void* target = nullptr;
+    if (!m_direct || FAILED(pstm->QueryInterface(kIidContiguousBytes, &target))) return false;
+    pstm->Release();
+    return target != m_direct;
+  }
+
+  // CopyTo's read and write, with the read done in place.
+  HRESULT CopyInPlace(IStream* pstm, ULONG cb, ULARGE_INTEGER* pcbRead,
+                      ULARGE_INTEGER* pcbWritten) {
+    HeldLock guard(m_lock);
+    ULONG read = 0;
+    // With no buffer of its own and cb above 512, only the range can be refused.
+    HRESULT hr = CheckTransfer(m_position, pstm, cb, &read);
+    if (FAILED(hr)) return hr;
+    const BYTE* from = m_direct->ReadableAt(static_cast<ULONG>(m_position), cb, &read);
+    m_position += read;
+    if (pcbRead) pcbRead->LowPart = read;
+    ULONG written = 0;
+    hr = pstm->Write(from, read, &written);
+    if (pcbWritten) pcbWritten->LowPart = written;
+    return hr;
   }
 
   // ReadAt at the position on the library's own buffer, with ReadAt's results.

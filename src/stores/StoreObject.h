@@ -65,9 +65,15 @@ class ContiguousBytes {
 
   // ReadAt and WriteAt for a range CheckTransfer accepted, under StoreLock().
   ULONG ReadInPlace(ULONG offset, void* to, ULONG cb) const {
-    const ULONG n = offset >= m_si ? 0 : Smaller(cb, m_si - offset);
-    if (n) MemCopy(to, m_buffer + offset, n);
+    ULONG n;
+    const BYTE* from = ReadableAt(offset, cb, &n);
+    if (n) MemCopy(to, from, n);
     return n;
+  }
+  // Where ReadInPlace would copy from, and in *n how many bytes.
+  const BYTE* ReadableAt(ULONG offset, ULONG cb, ULONG* n) const {
+    *n = offset >= m_si ? 0 : Smaller(cb, m_si - offset);
+    return m_buffer + offset;
   }
   // False, with nothing written, when the buffer must change first.
   bool WriteInPlace(ULONG offset, const void* from, ULONG cb) {
@@ -91,8 +97,9 @@ struct StoreSize {
   ULONG m_si = 0;  // (lock) current size
 };
 
-// Answered only by the library's contiguous stores, with their ContiguousBytes;
-// asked by a stream as it is made. It names no published interface.
+// Answered only by the library's contiguous stores and the streams over them,
+// with the store's ContiguousBytes; asked by a stream as it is made, and of a
+// CopyTo target. It names no published interface.
 constexpr IID kIidContiguousBytes = {
     0x00517663, 0x00FF, 0x0001, {0x01, 0x02, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64}};
 
@@ -141,6 +148,8 @@ class StoreObject : public Primary,
       *ppv = static_cast<IThreadingInfo*>(this);
     else if (iid == IID_ISaveToFile)
       *ppv = static_cast<ISaveToFile*>(this);
+    else if (iid == kIidContiguousBytes && Contiguous())
+      *ppv = Contiguous();
     else {
       *ppv = NULL;
       return E_NOINTERFACE;
@@ -163,6 +172,10 @@ class StoreObject : public Primary,
 
  protected:
   explicit StoreObject(DWORD flags) : m_flags(flags) {}
+
+  // The buffer behind the object, for kIidContiguousBytes: a contiguous store's
+  // own, a stream's store's; NULL for any other.
+  virtual ContiguousBytes* Contiguous() { return NULL; }
 
   const DWORD m_flags;  // read-only after construction
 };
