@@ -57,12 +57,13 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
       m_direct = static_cast<ContiguousBytes*>(direct);
       lockBytes->Release();  // m_lockBytes keeps the store alive
     }
-    m_lock = m_direct && m_direct->StoreLock() ? m_direct->StoreLock() : this->OwnLock();
+    m_lock =
+        ChosenLock(m_direct && m_direct->StoreLock() ? m_direct->StoreLock() : this->OwnLock());
   }
 
   // What the lock-bytes returns is read: the stream's own end is not consulted.
   STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     ULONG n = 0;
     const HRESULT hr =
         m_direct ? ReadInPlace(pv, cb, &n) : m_lockBytes->ReadAt(At(m_position), pv, cb, &n);
@@ -73,7 +74,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
 
   STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
     if (pcbWritten) *pcbWritten = 0;
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     // Writing past the end extends the stream to the position first.
     if (pv && m_position > m_size) {
       const HRESULT hr = SetSize(At(m_position));
@@ -93,7 +94,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   STDMETHODIMP Seek(LARGE_INTEGER dlibMove, DWORD dwOrigin,
                     ULARGE_INTEGER* plibNewPosition) override {
     if (plibNewPosition) plibNewPosition->QuadPart = 0;
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     ULONGLONG origin;
     switch (dwOrigin) {
       case STREAM_SEEK_SET:
@@ -114,7 +115,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   }
 
   STDMETHODIMP SetSize(ULARGE_INTEGER libNewSize) override {
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     const HRESULT hr = m_lockBytes->SetSize(libNewSize);
     if (SUCCEEDED(hr)) m_size = libNewSize.QuadPart;
     return hr;
@@ -132,7 +133,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
     CopyBuffer buffer(cb.LowPart);
     if (!buffer.get()) return E_OUTOFMEMORY;
 
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     ULONG read = 0;
     HRESULT hr = Read(buffer.get(), cb.LowPart, &read);
     if (pcbRead) pcbRead->LowPart = read;
@@ -152,18 +153,18 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   STDMETHODIMP Revert() override { return S_OK; }
 
   STDMETHODIMP LockRegion(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb, DWORD dwLockType) override {
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     return m_lockBytes->LockRegion(libOffset, cb, dwLockType);
   }
 
   STDMETHODIMP UnlockRegion(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb,
                             DWORD dwLockType) override {
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     return m_lockBytes->UnlockRegion(libOffset, cb, dwLockType);
   }
 
   STDMETHODIMP Stat(STATSTG* pstatstg, DWORD grfStatFlag) override {
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     const HRESULT hr = m_lockBytes->Stat(pstatstg, grfStatFlag);
     if (SUCCEEDED(hr)) pstatstg->type = STGTY_STREAM;
     return hr;
@@ -173,7 +174,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   STDMETHODIMP Clone(IStream** ppstm) override {
     if (!ppstm) return E_POINTER;
     *ppstm = NULL;
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     return MakeStream<MultiThreaded>(m_lockBytes.get(), this->m_flags, m_position, m_size, ppstm);
   }
 
@@ -205,7 +206,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   // CopyTo's read and write, with the read done in place.
   HRESULT CopyInPlace(IStream* pstm, ULONG cb, ULARGE_INTEGER* pcbRead,
                       ULARGE_INTEGER* pcbWritten) {
-    HeldLock guard(m_lock);
+    MLLock<ChosenLock> guard(&m_lock);
     ULONG read = 0;
     // With no buffer of its own and cb above 512, only the range can be refused.
     HRESULT hr = CheckTransfer(m_position, pstm, cb, &read);
@@ -248,7 +249,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   // locking store's buffer takes the store's lock instead of its own, so a
   // transfer costs one lock round trip rather than two; otherwise its own lock
   // (none in the unlocked form).
-  CriticalSectionLock* m_lock = nullptr;
+  ChosenLock m_lock;
   ULONGLONG m_position;  // (lock)
   ULONGLONG m_size;      // (lock) the stream's end, for STREAM_SEEK_END and Write
 };

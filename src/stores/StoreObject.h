@@ -37,17 +37,17 @@ inline HRESULT CheckTransfer(ULONGLONG offset, const void* pv, ULONG cb, ULONG* 
   return inRange ? S_OK : STG_E_MEDIUMFULL;
 }
 
-// Holds a lock chosen at run time for the caller's scope; NULL holds nothing.
-class HeldLock {
+// A lock chosen at run time, for MLLock: a critical section owned elsewhere, or
+// none (NULL).
+class ChosenLock {
  public:
-  explicit HeldLock(CriticalSectionLock* lock) : m_lock(lock) {
+  explicit ChosenLock(CriticalSectionLock* lock = NULL) : m_lock(lock) {}
+  void Lock() {
     if (m_lock) m_lock->Lock();
   }
-  ~HeldLock() {
+  void Unlock() {
     if (m_lock) m_lock->Unlock();
   }
-  HeldLock(const HeldLock&) = delete;
-  HeldLock& operator=(const HeldLock&) = delete;
 
  private:
   CriticalSectionLock* m_lock;
@@ -122,7 +122,7 @@ class StoreCore : public MORefCnt<ThreadModel> {
   MLLock<typename ThreadModel::Lock> Locked() {
     return MLLock<typename ThreadModel::Lock>(&m_lock);
   }
-  // The same lock for HeldLock: NULL in the unlocked form.
+  // The same lock for a ChosenLock: NULL in the unlocked form.
   CriticalSectionLock* OwnLock() {
     if constexpr (std::is_same_v<typename ThreadModel::Lock, CriticalSectionLock>)
       return &m_lock;
