@@ -8,7 +8,7 @@
 //   3. CopyTo of 32 MiB into an empty stream
 //   4. VARIANT records: save + load of a VT_I4 and of a 32-character VT_BSTR,
 //      on a presized stream
-//   5. 64 MiB written and read back in 64 KiB blocks (presized)
+//   5. 64 MiB written and read back in 64 KiB blocks (over memory already written)
 //
 // The machine is shared, so every figure runs its candidates interleaved,
 // round after round, and reports the median round (and the best). Where a
@@ -344,9 +344,10 @@ double WriteThenRead(int kind) {
       std::memcpy(back.data(), &buffer[size_t(b) * kBlockBytes], kBlockBytes);
   } else {
     IStream* stream = Make(kind);
-    ULARGE_INTEGER size;
-    size.QuadPart = kBulkBytes;
-    stream->SetSize(size);
+    // Written over once first, as the floor's buffer is: the copies are
+    // measured, not the first touch of new memory.
+    for (ULONG b = 0; b < kBlocks; ++b) stream->Write(back.data(), kBlockBytes, nullptr);
+    Rewind(stream);
     start = NowNs();
     for (ULONG b = 0; b < kBlocks; ++b) stream->Write(block.data(), kBlockBytes, nullptr);
     Rewind(stream);
@@ -387,7 +388,7 @@ int main(int argc, char** argv) {
       "\n(floor: memcpy of the record; for VT_BSTR also SysAllocStringByteLen + SysFreeString)");
   Table("4. VARIANT record, save + load (goals: VT_I4 <= 100 ns, VT_BSTR <= 300 ns)", streams,
         {{"VT_I4", &I4Records}, {"VT_BSTR, 32 characters", &BstrRecords}}, "ns/rec");
-  Table("5. 64 MiB presized, 64 KiB blocks written + read", streams,
+  Table("5. 64 MiB in 64 KiB blocks, written + read over bytes already written", streams,
         {{"write + read", &WriteThenRead}}, "ms");
   CoUninitialize();
   return 0;
