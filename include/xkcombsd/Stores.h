@@ -13,6 +13,9 @@
 #include <xkcombsd/XKApi.h>
 
 // Flags of CreateLockBytesOnMemory; the low four bits choose the kind of store.
+// QVCLBOMF_SPARE lets a growable store's buffer hold more than its size (it
+// doubles, by at most 64 MiB at a time); every answer still follows the size.
+// The other kinds refuse it with E_INVALIDARG.
 #define QVCLBOMF_TYPEMASK      0x0F
 #define QVCLBOMF_HGLOBAL       0x01   // the platform's store on an HGLOBAL
 #define QVCLBOMF_TASKALLOCATOR 0x02   // growable buffer from the task allocator
@@ -25,6 +28,7 @@
 #define QVCLBOMF_ADOPT         0x40   // the store takes over the caller's reference or heap
 #define QVCLBOMF_SIINIT        0x80   // si is the initial size
 #define QVCLBOMF_NOLOCK        0x100  // no internal locking: one thread at a time
+#define QVCLBOMF_SPARE         0x200  // growable kinds: spare capacity, for appends in constant time
 
 // One caller buffer of a block-list store. The array has no terminator: it is
 // read only as far as the running total of cb reaches the store's size.

@@ -42,4 +42,9 @@ constexpr ULONG kCountTakenOnTrust = 1u << 20;
 
 HRESULT CheckStreamCanHold(IStream* stream, ULONG count);
 
+// The BSTR record inside a record whose own position guard already covers it:
+// BSTR_SaveToStream and BSTR_LoadFromStream without a second guard.
+HRESULT SaveBstrRecord(IStream* stream, BSTR text);
+HRESULT LoadBstrRecord(IStream* stream, BSTR* loaded);
+
 }  // namespace xk::persist

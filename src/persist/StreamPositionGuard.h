@@ -4,13 +4,12 @@
 #pragma once
 
 #include <objidl.h>
-#include <xkcombsd/MLRelItf.h>
 
 namespace xk::persist {
 
 class StreamPositionGuard {
  public:
-  explicit StreamPositionGuard(IStream* stream) : m_stream(stream, true) {
+  explicit StreamPositionGuard(IStream* stream) : m_stream(stream) {
     // The array placeholders arm a guard on whatever stream they are given.
     if (!stream) return;
     LARGE_INTEGER zero = {};
@@ -34,8 +33,10 @@ class StreamPositionGuard {
   bool Armed() const { return SUCCEEDED(m_state); }
 
  private:
-  MLRelItf<IStream> m_stream;  // read-only after construction
-  ULONGLONG m_position = 0;    // read-only after construction
+  // read-only after construction; the caller's reference outlives the record,
+  // so the guard takes none of its own (a record is a handful of calls)
+  IStream* m_stream;
+  ULONGLONG m_position = 0;  // read-only after construction
   // The recording seek's result; a failed recording never arms the guard.
   HRESULT m_state = E_POINTER;
 };

@@ -47,30 +47,22 @@ HRESULT GetSizeMax(Text text, ULONG* pcb) {
   return S_OK;
 }
 
+// The record alone; the callers below arm the position guard.
 template <class Record, class Text>
-HRESULT Save(IStream* stream, Text text) {
-  if (!stream) return E_POINTER;
-  StreamPositionGuard guard(stream);
+HRESULT SaveRecord(IStream* stream, Text text) {
   const ULONG count = Record::Count(text);
   HRESULT hr = WriteUInt32(stream, count);
   if (SUCCEEDED(hr) && count) hr = WriteRecordBytes(stream, text, count);
-  if (SUCCEEDED(hr)) guard.Commit();
   return hr;
 }
 
 template <class Record>
-HRESULT Load(IStream* stream, typename Record::Type* loaded) {
-  if (!stream || !loaded) return E_POINTER;
-  StreamPositionGuard guard(stream);
+HRESULT LoadRecord(IStream* stream, typename Record::Type* loaded) {
   *loaded = nullptr;
-
   ULONG count;
   HRESULT hr = ReadUInt32(stream, &count);
   if (FAILED(hr)) return hr;
-  if (count == 0) {  // a saved null string loads as null, for both kinds
-    guard.Commit();
-    return S_OK;
-  }
+  if (count == 0) return S_OK;  // a saved null string loads as null, for both kinds
   if (!Record::CountIsPlausible(count)) return kInvalidRecord;
   hr = CheckStreamCanHold(stream, count);
   if (FAILED(hr)) return hr;
@@ -81,13 +73,35 @@ HRESULT Load(IStream* stream, typename Record::Type* loaded) {
   hr = ReadRecordBytes(stream, text.get(), count);
   if (FAILED(hr)) return hr;
   if (!Record::IsComplete(text.get(), count)) return kInvalidRecord;
-
   *loaded = text.Detach();
-  guard.Commit();
+  return hr;
+}
+
+template <class Record, class Text>
+HRESULT Save(IStream* stream, Text text) {
+  if (!stream) return E_POINTER;
+  StreamPositionGuard guard(stream);
+  const HRESULT hr = SaveRecord<Record>(stream, text);
+  if (SUCCEEDED(hr)) guard.Commit();
+  return hr;
+}
+
+template <class Record>
+HRESULT Load(IStream* stream, typename Record::Type* loaded) {
+  if (!stream || !loaded) return E_POINTER;
+  StreamPositionGuard guard(stream);
+  const HRESULT hr = LoadRecord<Record>(stream, loaded);
+  if (SUCCEEDED(hr)) guard.Commit();
   return hr;
 }
 
 }  // namespace
+
+HRESULT SaveBstrRecord(IStream* stream, BSTR text) { return SaveRecord<BstrRecord>(stream, text); }
+HRESULT LoadBstrRecord(IStream* stream, BSTR* loaded) {
+  return LoadRecord<BstrRecord>(stream, loaded);
+}
+
 }  // namespace xk::persist
 
 using namespace xk::persist;

@@ -24,9 +24,11 @@ enum class Payload { None, Bstr, Object, Array, Refused };
 
 Payload PayloadOf(VARTYPE vt) {
   switch (vt) {
+    // clang-format off
     case VT_EMPTY: case VT_NULL: case VT_I2: case VT_I4: case VT_R4: case VT_R8:
     case VT_CY: case VT_DATE: case VT_ERROR: case VT_BOOL: case VT_I1: case VT_UI1:
     case VT_UI2: case VT_UI4: case VT_INT: case VT_UINT:
+      // clang-format on
       return Payload::None;
     case VT_BSTR:
       return Payload::Bstr;
@@ -50,7 +52,7 @@ HRESULT SavePayload(IStream* stream, const VARIANT& value) {
     case Payload::None:
       return S_OK;
     case Payload::Bstr:
-      return BSTR_SaveToStream(stream, value.bstrVal);
+      return SaveBstrRecord(stream, value.bstrVal);
     case Payload::Object:  // pdispVal and punkVal are the same pointer
       return OleSaveUnknownToStream(stream, value.punkVal);
     case Payload::Array:
@@ -88,7 +90,7 @@ HRESULT LoadPayload(IStream* stream, VARIANT* value) {
     case Payload::None:
       return S_OK;
     case Payload::Bstr:
-      return BSTR_LoadFromStream(stream, &value->bstrVal);
+      return LoadBstrRecord(stream, &value->bstrVal);
     case Payload::Object:
       return LoadObject(stream, value->vt, &value->punkVal);
     case Payload::Array:

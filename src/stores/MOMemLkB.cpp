@@ -1,8 +1,10 @@
 // Memory lock-bytes: the six kinds of CreateLockBytesOnMemory. A growable
 // store owns exactly one buffer of exactly m_si bytes (or none) from its
 // allocator: growth is exact, with no spare capacity, and grown bytes are not
-// cleared. A fixed store (one caller buffer, or a list of them) only moves its
-// size between 0 and the caller's size. Every store addresses 32 bits.
+// cleared. With QVCLBOMF_SPARE the buffer may hold more than m_si bytes, and
+// only the allocations change: every answer still follows m_si. A fixed store (one caller buffer,
+// or a list of them) only moves its size between 0 and the caller's size. Every store addresses 32
+// bits.
 #include <xkcombsd/ScopedValue.h>
 #include <xkcombsd/Stores.h>
 
@@ -23,32 +25,26 @@ constexpr char kSource[] = "MOMemLkB";
 constexpr int kContiguousSizeChecks = 497;
 constexpr int kBlockListSizeChecks = 1048;
 
-constexpr HRESULT kNothingToDo = S_FALSE;
-
-// What ReadAt and WriteAt check before touching the store, in this order: the
-// buffer, then (with the count cleared) an empty transfer, which succeeds at
-// once, then the 32-bit range. S_OK means go on.
-HRESULT CheckTransfer(ULARGE_INTEGER offset, const void* pv, ULONG cb, ULONG* pcb) {
-  if (!pv) return E_POINTER;
-  if (pcb) *pcb = 0;
-  if (cb == 0) return kNothingToDo;
-  // The first test keeps the sum from wrapping for offsets near 2^64.
-  const bool inRange = offset.QuadPart < kAddressLimit && offset.QuadPart + cb < kAddressLimit;
-  return inRange ? S_OK : STG_E_MEDIUMFULL;
-}
+// QVCLBOMF_SPARE doubles the buffer, from this many bytes, but never adds more
+// than kLargestSpare at once: a store of hundreds of megabytes does not reserve
+// as much again. Left to us; these keep the spare below half the buffer once
+// it is large and the number of reallocations logarithmic below that.
+constexpr ULONG kSmallestBuffer = 64;
+constexpr ULONG kLargestSpare = 64u << 20;
 
 // The ILockBytes contract both store classes keep; Derived supplies the bytes
 // (CopyOut, CopyIn) and the change of size (Resize), called under the lock
 // with every argument already checked.
-template <class Derived, class ThreadModel>
-class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &IID_ILockBytes> {
+template <class Derived, class ThreadModel, class Size>
+class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &IID_ILockBytes>,
+                    public Size {
  public:
   STDMETHODIMP ReadAt(ULARGE_INTEGER ulOffset, void* pv, ULONG cb, ULONG* pcbRead) override {
-    const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbRead);
+    const HRESULT checked = CheckTransfer(ulOffset.QuadPart, pv, cb, pcbRead);
     if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
     auto guard = this->Locked();
     const ULONG offset = ulOffset.LowPart;
-    const ULONG n = offset >= m_si ? 0 : Smaller(cb, m_si - offset);
+    const ULONG n = offset >= this->m_si ? 0 : Smaller(cb, this->m_si - offset);
     if (n) Self().CopyOut(offset, static_cast<BYTE*>(pv), n);
     if (pcbRead) *pcbRead = n;
     return S_OK;
@@ -56,12 +52,12 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
 
   STDMETHODIMP WriteAt(ULARGE_INTEGER ulOffset, const void* pv, ULONG cb,
                        ULONG* pcbWritten) override {
-    const HRESULT checked = CheckTransfer(ulOffset, pv, cb, pcbWritten);
+    const HRESULT checked = CheckTransfer(ulOffset.QuadPart, pv, cb, pcbWritten);
     if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
     auto guard = this->Locked();
     const ULONG offset = ulOffset.LowPart;
     const ULONG end = offset + cb;
-    if (end > m_si) {
+    if (end > this->m_si) {
       ULARGE_INTEGER size;
       size.QuadPart = end;
       const HRESULT hr = SetSize(size);
@@ -78,7 +74,7 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
     if (cb.QuadPart >= kAddressLimit) return STG_E_MEDIUMFULL;
     auto guard = this->Locked();
     if (m_max && cb.LowPart > m_max) return STG_E_MEDIUMFULL;
-    if (cb.LowPart == m_si) return S_OK;
+    if (cb.LowPart == this->m_si) return S_OK;
     return Self().Resize(cb.LowPart);
   }
 
@@ -89,7 +85,7 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
     auto guard = this->Locked();
     *pstatstg = STATSTG{};
     pstatstg->type = STGTY_LOCKBYTES;
-    pstatstg->cbSize.QuadPart = m_si;
+    pstatstg->cbSize.QuadPart = this->m_si;
     return S_OK;
   }
 
@@ -100,12 +96,11 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
   HRESULT ResizeFixed(ULONG siNew, int firstCheckLine) {
     Verify(m_max > 0, {kSource, firstCheckLine, "m_max > 0"});
     Verify(siNew <= m_max, {kSource, firstCheckLine + 1, "siNew <= m_max"});
-    Verify(m_si <= m_max, {kSource, firstCheckLine + 2, "m_si <= m_max"});
-    m_si = siNew;
+    Verify(this->m_si <= m_max, {kSource, firstCheckLine + 2, "m_si <= m_max"});
+    this->m_si = siNew;
     return S_OK;
   }
 
-  ULONG m_si = 0;   // (lock) current size
   ULONG m_max = 0;  // read-only after initialisation; 0 = no maximum
 
  private:
@@ -115,21 +110,27 @@ class MemoryStore : public StoreObject<LockBytesWithoutRegions, ThreadModel, &II
 // ---- one contiguous buffer: growable (kinds 2 to 4) or the caller's (kind 5) ----
 
 template <class ThreadModel>
-class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel> {
-  using Base = MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel>;
+class MemoryLockBytes final
+    : public MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel, ContiguousBytes> {
+  using Base = MemoryStore<MemoryLockBytes<ThreadModel>, ThreadModel, ContiguousBytes>;
   friend Base;
 
  public:
   // Takes over the creator's reference to allocator (empty for a caller's buffer).
   MemoryLockBytes(DWORD flags, MLRelItf<IAllocator>&& allocator)
-      : Base(flags), m_allocator(std::move(allocator)) {}
+      : Base(flags), m_allocator(std::move(allocator)) {
+    this->m_storeLock = this->OwnLock();
+  }
+
+  ContiguousBytes* Contiguous() override { return this; }
 
   HRESULT Initialise(void* pv, ULONG siInitial, ULONG siMax) {
     if (!m_allocator && (!pv || siInitial == 0)) return E_INVALIDARG;
-    m_buffer = static_cast<BYTE*>(pv);
+    this->m_buffer = static_cast<BYTE*>(pv);
     this->m_max = siMax;
     if (pv || siInitial == 0) {
       this->m_si = siInitial;
+      this->m_capacity = m_allocator ? siInitial : siMax;
       return S_OK;
     }
     ULARGE_INTEGER size;
@@ -150,8 +151,8 @@ class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, T
       // An empty store has no buffer; WriteFile still wants a readable address.
       BYTE none = 0;
       DWORD written = 0;
-      if (!WriteFile(file.get(), m_buffer ? m_buffer : &none, this->m_si, &written, NULL))
-        hr = HResultFromLastError();
+      BYTE* bytes = this->m_buffer ? this->m_buffer : &none;
+      if (!WriteFile(file.get(), bytes, this->m_si, &written, NULL)) hr = HResultFromLastError();
     }
     file.Reset();  // closed before a failed save may delete it
     if (FAILED(hr) && !existed) DeleteFileW(fileName);
@@ -160,36 +161,59 @@ class MemoryLockBytes final : public MemoryStore<MemoryLockBytes<ThreadModel>, T
 
  private:
   ~MemoryLockBytes() override {
-    if (m_allocator && m_buffer && !(this->m_flags & QVCLBOMF_NOFREE)) m_allocator->Free(m_buffer);
+    if (m_allocator && this->m_buffer && !(this->m_flags & QVCLBOMF_NOFREE))
+      m_allocator->Free(this->m_buffer);
   }
 
-  void CopyOut(ULONG offset, BYTE* to, ULONG n) { memcpy(to, m_buffer + offset, n); }
-  void CopyIn(ULONG offset, const BYTE* from, ULONG n) { memcpy(m_buffer + offset, from, n); }
+  void CopyOut(ULONG offset, BYTE* to, ULONG n) { MemCopy(to, this->m_buffer + offset, n); }
+  void CopyIn(ULONG offset, const BYTE* from, ULONG n) {
+    MemCopy(this->m_buffer + offset, from, n);
+  }
 
   HRESULT Resize(ULONG siNew) {
     if (!m_allocator) return this->ResizeFixed(siNew, kContiguousSizeChecks);
     if (siNew == 0) {
-      m_allocator->Realloc(m_buffer, 0);  // frees
-      m_buffer = NULL;
-      this->m_si = 0;
+      m_allocator->Realloc(this->m_buffer, 0);  // frees
+      this->m_buffer = NULL;
+      this->m_si = this->m_capacity = 0;
       return S_OK;
     }
-    void* grown = m_allocator->Realloc(m_buffer, siNew);
+    const bool spare = (this->m_flags & QVCLBOMF_SPARE) != 0;
+    if (spare && siNew <= this->m_capacity) {
+      this->m_si = siNew;  // shrinking keeps the buffer, as growing back will want it
+      return S_OK;
+    }
+    ULONG capacity = spare ? SpareCapacity(siNew) : siNew;
+    void* grown = m_allocator->Realloc(this->m_buffer, capacity);
+    // Short of memory for the spare bytes, the store still grows exactly.
+    if (!grown && capacity != siNew) grown = m_allocator->Realloc(this->m_buffer, capacity = siNew);
     if (!grown) return STG_E_MEDIUMFULL;  // the old buffer is intact
-    m_buffer = static_cast<BYTE*>(grown);
+    this->m_buffer = static_cast<BYTE*>(grown);
+    this->m_capacity = capacity;
     this->m_si = siNew;
     return S_OK;
   }
 
+  // Room for at least siNew bytes: the buffer doubled, within kLargestSpare,
+  // the maximum size and the 32-bit range.
+  ULONG SpareCapacity(ULONG siNew) const {
+    const ULONGLONG limit = this->m_max ? this->m_max : kAddressLimit - 1;
+    const ULONGLONG old = this->m_capacity;
+    ULONGLONG capacity = old + (old < kLargestSpare ? old : kLargestSpare);
+    if (capacity < kSmallestBuffer) capacity = kSmallestBuffer;
+    if (capacity < siNew) capacity = siNew;
+    return static_cast<ULONG>(capacity < limit ? capacity : limit);
+  }
+
   MLRelItf<IAllocator> m_allocator;  // read-only after construction; empty for kind 5
-  BYTE* m_buffer = NULL;             // (lock) exactly m_si bytes, or NULL
 };
 
 // ---- a list of caller buffers forming one address space (kind 6) ----
 
 template <class ThreadModel>
-class BlockLockBytes final : public MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel> {
-  using Base = MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel>;
+class BlockLockBytes final
+    : public MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel, StoreSize> {
+  using Base = MemoryStore<BlockLockBytes<ThreadModel>, ThreadModel, StoreSize>;
   friend Base;
 
  public:
@@ -345,8 +369,13 @@ HRESULT CreateBlockListLockBytes(const LOCKBYTESBLOCK* blocks, ULONG si, DWORD f
 }
 
 // Kinds 1 to 6 are the valid ones; each wants its own pv, si and allocSource.
+// Spare capacity is for the growable buffers: the fixed kinds cannot grow, and
+// the HGLOBAL kind is the platform's store, which grows its own way.
 HRESULT CheckKindArguments(DWORD flags, void* pv, ULONG si, ULONG_PTR allocSource) {
-  switch (flags & QVCLBOMF_TYPEMASK) {
+  const DWORD kind = flags & QVCLBOMF_TYPEMASK;
+  const bool growable = kind >= QVCLBOMF_TASKALLOCATOR && kind <= QVCLBOMF_ALLOCATOR;
+  if ((flags & QVCLBOMF_SPARE) && !growable) return E_INVALIDARG;
+  switch (kind) {
     case QVCLBOMF_HGLOBAL:
       return (allocSource || (flags & QVCLBOMF_ADOPT)) ? E_INVALIDARG : S_OK;
     case QVCLBOMF_TASKALLOCATOR:

@@ -16,8 +16,10 @@ namespace {
 // the call, larger ones one from the task allocator.
 class CopyBuffer {
  public:
+  static constexpr ULONG kInside = 512;
+
   explicit CopyBuffer(ULONG cb)
-      : m_bytes(cb <= sizeof m_inside ? m_inside : static_cast<BYTE*>(CoTaskMemAlloc(cb))) {}
+      : m_bytes(cb <= kInside ? m_inside : static_cast<BYTE*>(CoTaskMemAlloc(cb))) {}
   ~CopyBuffer() {
     if (m_bytes != m_inside) CoTaskMemFree(m_bytes);
   }
@@ -27,7 +29,7 @@ class CopyBuffer {
   BYTE* get() const { return m_bytes; }
 
  private:
-  BYTE m_inside[512];
+  BYTE m_inside[kInside];
   BYTE* m_bytes;
 };
 
@@ -49,13 +51,22 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
 
  public:
   StreamOnLockBytes(DWORD flags, ILockBytes* lockBytes, ULONGLONG position, ULONGLONG size)
-      : Base(flags), m_lockBytes(lockBytes, true), m_position(position), m_size(size) {}
+      : Base(flags), m_lockBytes(lockBytes, true), m_position(position), m_size(size) {
+    void* direct = nullptr;
+    if (SUCCEEDED(lockBytes->QueryInterface(kIidContiguousBytes, &direct))) {
+      m_direct = static_cast<ContiguousBytes*>(direct);
+      lockBytes->Release();  // m_lockBytes keeps the store alive
+    }
+    m_lock =
+        ChosenLock(m_direct && m_direct->StoreLock() ? m_direct->StoreLock() : this->OwnLock());
+  }
 
   // What the lock-bytes returns is read: the stream's own end is not consulted.
   STDMETHODIMP Read(void* pv, ULONG cb, ULONG* pcbRead) override {
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     ULONG n = 0;
-    const HRESULT hr = m_lockBytes->ReadAt(At(m_position), pv, cb, &n);
+    const HRESULT hr =
+        m_direct ? ReadInPlace(pv, cb, &n) : m_lockBytes->ReadAt(At(m_position), pv, cb, &n);
     if (SUCCEEDED(hr)) m_position += n;
     if (pcbRead) *pcbRead = SUCCEEDED(hr) ? n : 0;
     return hr;
@@ -63,14 +74,14 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
 
   STDMETHODIMP Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
     if (pcbWritten) *pcbWritten = 0;
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     // Writing past the end extends the stream to the position first.
     if (pv && m_position > m_size) {
       const HRESULT hr = SetSize(At(m_position));
       if (FAILED(hr)) return hr;
     }
     ULONG n = 0;
-    const HRESULT hr = m_lockBytes->WriteAt(At(m_position), pv, cb, &n);
+    const HRESULT hr = WriteAt(pv, cb, &n);
     if (FAILED(hr)) return hr;
     m_position += n;
     if (pv && m_position > m_size) m_size = m_position;
@@ -83,13 +94,20 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   STDMETHODIMP Seek(LARGE_INTEGER dlibMove, DWORD dwOrigin,
                     ULARGE_INTEGER* plibNewPosition) override {
     if (plibNewPosition) plibNewPosition->QuadPart = 0;
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     ULONGLONG origin;
     switch (dwOrigin) {
-      case STREAM_SEEK_SET: origin = 0; break;
-      case STREAM_SEEK_CUR: origin = m_position; break;
-      case STREAM_SEEK_END: origin = m_size; break;
-      default: return STG_E_INVALIDFUNCTION;
+      case STREAM_SEEK_SET:
+        origin = 0;
+        break;
+      case STREAM_SEEK_CUR:
+        origin = m_position;
+        break;
+      case STREAM_SEEK_END:
+        origin = m_size;
+        break;
+      default:
+        return STG_E_INVALIDFUNCTION;
     }
     m_position = origin + static_cast<ULONGLONG>(dlibMove.QuadPart);
     if (plibNewPosition) plibNewPosition->QuadPart = m_position;
@@ -97,7 +115,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   }
 
   STDMETHODIMP SetSize(ULARGE_INTEGER libNewSize) override {
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     const HRESULT hr = m_lockBytes->SetSize(libNewSize);
     if (SUCCEEDED(hr)) m_size = libNewSize.QuadPart;
     return hr;
@@ -110,10 +128,12 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
     if (!pstm) return E_POINTER;
     // The whole count goes through memory at once; "copy everything" idioms fail here.
     if (cb.QuadPart >= kAddressLimit) return STG_E_MEDIUMFULL;
+    if (cb.LowPart > CopyBuffer::kInside && CopiesInPlaceTo(pstm))
+      return CopyInPlace(pstm, cb.LowPart, pcbRead, pcbWritten);
     CopyBuffer buffer(cb.LowPart);
     if (!buffer.get()) return E_OUTOFMEMORY;
 
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     ULONG read = 0;
     HRESULT hr = Read(buffer.get(), cb.LowPart, &read);
     if (pcbRead) pcbRead->LowPart = read;
@@ -133,18 +153,18 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   STDMETHODIMP Revert() override { return S_OK; }
 
   STDMETHODIMP LockRegion(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb, DWORD dwLockType) override {
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     return m_lockBytes->LockRegion(libOffset, cb, dwLockType);
   }
 
   STDMETHODIMP UnlockRegion(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb,
                             DWORD dwLockType) override {
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     return m_lockBytes->UnlockRegion(libOffset, cb, dwLockType);
   }
 
   STDMETHODIMP Stat(STATSTG* pstatstg, DWORD grfStatFlag) override {
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     const HRESULT hr = m_lockBytes->Stat(pstatstg, grfStatFlag);
     if (SUCCEEDED(hr)) pstatstg->type = STGTY_STREAM;
     return hr;
@@ -154,7 +174,7 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
   STDMETHODIMP Clone(IStream** ppstm) override {
     if (!ppstm) return E_POINTER;
     *ppstm = NULL;
-    auto guard = this->Locked();
+    MLLock<ChosenLock> guard(&m_lock);
     return MakeStream<MultiThreaded>(m_lockBytes.get(), this->m_flags, m_position, m_size, ppstm);
   }
 
@@ -171,12 +191,67 @@ class StreamOnLockBytes final : public StoreObject<IStream, ThreadModel, &IID_IS
     return at;
   }
 
+  ContiguousBytes* Contiguous() override { return m_direct; }
+
+  // A target that is another of the library's streams, over another store,
+  // cannot move or free this stream's buffer while it writes, so it is given
+  // the bytes where they lie instead of a copy of the whole count.
+  bool CopiesInPlaceTo(IStream* pstm) {
+    void* target = nullptr;
+    if (!m_direct || FAILED(pstm->QueryInterface(kIidContiguousBytes, &target))) return false;
+    pstm->Release();
+    return target != m_direct;
+  }
+
+  // CopyTo's read and write, with the read done in place.
+  HRESULT CopyInPlace(IStream* pstm, ULONG cb, ULARGE_INTEGER* pcbRead,
+                      ULARGE_INTEGER* pcbWritten) {
+    MLLock<ChosenLock> guard(&m_lock);
+    ULONG read = 0;
+    // With no buffer of its own and cb above 512, only the range can be refused.
+    HRESULT hr = CheckTransfer(m_position, pstm, cb, &read);
+    if (FAILED(hr)) return hr;
+    const BYTE* from = m_direct->ReadableAt(static_cast<ULONG>(m_position), cb, &read);
+    m_position += read;
+    if (pcbRead) pcbRead->LowPart = read;
+    ULONG written = 0;
+    hr = pstm->Write(from, read, &written);
+    if (pcbWritten) pcbWritten->LowPart = written;
+    return hr;
+  }
+
+  // ReadAt at the position on the library's own buffer, with ReadAt's results.
+  HRESULT ReadInPlace(void* pv, ULONG cb, ULONG* pcbRead) {
+    const HRESULT checked = CheckTransfer(m_position, pv, cb, pcbRead);
+    if (checked != S_OK) return checked == kNothingToDo ? S_OK : checked;
+    *pcbRead = m_direct->ReadInPlace(static_cast<ULONG>(m_position), pv, cb);
+    return S_OK;
+  }
+
+  // WriteAt at the position; in place when the buffer already holds the range.
+  HRESULT WriteAt(const void* pv, ULONG cb, ULONG* pcbWritten) {
+    if (m_direct && CheckTransfer(m_position, pv, cb, pcbWritten) == S_OK &&
+        m_direct->WriteInPlace(static_cast<ULONG>(m_position), pv, cb)) {
+      *pcbWritten = cb;
+      return S_OK;
+    }
+    return m_lockBytes->WriteAt(At(m_position), pv, cb, pcbWritten);
+  }
+
   // The last reference flushes the lock-bytes once, whether or not anything was written.
   void FinalRelease() override { m_lockBytes->Flush(); }
 
   MLRelItf<ILockBytes> m_lockBytes;  // read-only after construction
-  ULONGLONG m_position;              // (lock)
-  ULONGLONG m_size;                  // (lock) the stream's end, for STREAM_SEEK_END and Write
+  // read-only after construction: the store itself when it is one of the
+  // library's contiguous stores, whose buffer the stream then reads and writes
+  ContiguousBytes* m_direct = nullptr;
+  // read-only after construction: what guards the fields below. A stream in a
+  // locking store's buffer takes the store's lock instead of its own, so a
+  // transfer costs one lock round trip rather than two; otherwise its own lock
+  // (none in the unlocked form).
+  ChosenLock m_lock;
+  ULONGLONG m_position;  // (lock)
+  ULONGLONG m_size;      // (lock) the stream's end, for STREAM_SEEK_END and Write
 };
 
 template <class ThreadModel>

@@ -1,6 +1,7 @@
 // The block primitives behind memcpy, memmove and memset, against a plain byte
-// loop: every length up to four blocks and a tail, at every misalignment of
-// either side, and moves whose ranges overlap in both directions.
+// loop: every length up to four blocks and a tail and one of many blocks, at
+// every misalignment of either side, and moves whose ranges overlap in both
+// directions.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -10,19 +11,20 @@
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+constexpr size_t kLarge = 1001, kBuffer = kLarge + 48;
 
 Bytes Pattern() {
-  Bytes bytes(128);
+  Bytes bytes(kBuffer);
   for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 7 + 1);
   return bytes;
 }
 
 TEST(RuntimePrimitives, CopyFillAndMoveMatchAByteLoopAtEveryLengthAndAlignment) {
   const Bytes source = Pattern();
-  for (size_t n = 0; n <= 70; ++n) {
+  for (size_t n = 0; n <= kLarge; n = n == 70 ? kLarge : n + 1) {
     for (size_t to = 0; to < 32; ++to) {
       for (size_t from = 0; from < 16; ++from) {
-        Bytes copied(128, 0xEE), moved = source, expected(128, 0xEE), expectedMove = source;
+        Bytes copied(kBuffer, 0xEE), moved = source, expected(kBuffer, 0xEE), expectedMove = source;
         for (size_t i = 0; i < n; ++i) expected[to + i] = source[from + i];
         for (size_t i = 0; i < n; ++i) expectedMove[to + i] = source[from + i];
         ASSERT_EQ(&copied[to], xk::MemCopy(&copied[to], &source[from], n));
@@ -30,7 +32,7 @@ TEST(RuntimePrimitives, CopyFillAndMoveMatchAByteLoopAtEveryLengthAndAlignment) 
         ASSERT_EQ(expected, copied) << "copy of " << n << " from " << from << " to " << to;
         ASSERT_EQ(expectedMove, moved) << "move of " << n << " from " << from << " to " << to;
       }
-      Bytes filled(128, 0xEE), expected(128, 0xEE);
+      Bytes filled(kBuffer, 0xEE), expected(kBuffer, 0xEE);
       for (size_t i = 0; i < n; ++i) expected[to + i] = 0x5A;
       ASSERT_EQ(&filled[to], xk::MemFill(&filled[to], 0x5A, n));
       ASSERT_EQ(expected, filled) << "fill of " << n << " at " << to;

@@ -16,7 +16,7 @@ constexpr ULONG_PTR kSomeSource = 0x1234;  // only ever given to kinds that must
 constexpr DWORD T = QVCLBOMF_TASKALLOCATOR, H = QVCLBOMF_PRIVATEHEAP, G = QVCLBOMF_HGLOBAL,
                 F = QVCLBOMF_FIXEDBLOCK, B = QVCLBOMF_BLOCKLIST, A = QVCLBOMF_ALLOCATOR,
                 MAX = QVCLBOMF_SIMAX, INIT = QVCLBOMF_SIINIT, NOFREE = QVCLBOMF_NOFREE,
-                ADOPT = QVCLBOMF_ADOPT;
+                ADOPT = QVCLBOMF_ADOPT, SPARE = QVCLBOMF_SPARE;
 constexpr ULONG kSize = 32;
 
 // kBlocks: {16, 16, then an invalid entry past the size, which is never read};
@@ -50,6 +50,9 @@ const FlagRule kFlagRules[] = {
     {"fixed with an allocator source", F, kSize, kBuffer, kSomeSource, E_INVALIDARG, true},
     {"fixed, SIMAX alone", F | MAX, kSize, kBuffer, 0, E_INVALIDARG, true},
     {"block list with an empty block", B, kSize, kEmptyBlock, 0, E_INVALIDARG, true},
+    {"HGLOBAL with SPARE", G | SPARE, 0, kNone, 0, E_INVALIDARG, true},
+    {"fixed with SPARE", F | SPARE, kSize, kBuffer, 0, E_INVALIDARG, true},
+    {"block list with SPARE", B | SPARE, kSize, kBlocks, 0, E_INVALIDARG, true},
     // Made (the plain kinds in both forms are the typed contract's).
     {"HGLOBAL, SIMAX is ignored", G | MAX, 7, kNone, 0, S_OK, true},
     {"HGLOBAL, SIINIT with size 0", G | INIT, 0, kNone, 0, S_OK, true},
@@ -57,6 +60,7 @@ const FlagRule kFlagRules[] = {
     {"no allocator: the task's", A | INIT, 9, kNone, 0, S_OK, true, true},
     {"fixed, SIMAX with SIINIT", F | MAX | INIT, kSize, kBuffer, 0, S_OK, true},
     {"block list, SIMAX", B | MAX, kSize, kBlocks, 0, S_OK, true},
+    {"private heap, SPARE", H | SPARE, 0, kNone, 0, S_OK, true},
 };
 
 // A rule through the store's factory or the stream's; the stream's clears its
@@ -101,21 +105,32 @@ TEST_F(CreateLockBytesOnMemoryTest, FollowsEveryFlagRuleInItsOrder) {
   EXPECT_HR(E_POINTER, CreateStreamOnMemory(nullptr, 0, T, 0, nullptr));
 }
 
-// One exact reallocation per append, by design; nothing before the first write,
-// nor for a write past the maximum, which fails whole.
+// One exact reallocation per append, by design, or with SPARE one per doubling
+// up to the maximum; nothing before the first write, nor for a write past the
+// maximum, which fails whole. SPARE shrinks without reallocating, and every
+// answer follows the size, never the buffer.
 TEST_F(CreateLockBytesOnMemoryTest, GrowableStoresGrowToExactlyTheEndOfEachWriteUpToTheMaximum) {
-  ASSERT_HR(S_OK, CreateLockBytesOnMemory(nullptr, 1000, T | MAX, 0, &lb));
-  std::vector<SIZE_T> expected;
-  for (ULONG end = 16; end <= 992; end += 16) {
-    ASSERT_HR(S_OK, WriteBytes(lb, end - 16, Pattern(16)));
-    expected.push_back(end);
+  for (const DWORD flags : {T | MAX, T | MAX | SPARE}) {
+    SCOPED_TRACE(flags);
+    ASSERT_HR(S_OK, CreateLockBytesOnMemory(nullptr, 1000, flags, 0, &lb));
+    std::vector<SIZE_T> exact;
+    for (ULONG end = 16; end <= 992; end += 16) {
+      ASSERT_HR(S_OK, WriteBytes(lb, end - 16, Pattern(16, BYTE(end))));
+      exact.push_back(end);
+    }
+    EXPECT_HR(STG_E_MEDIUMFULL, WriteBytes(lb, 992, Pattern(16)));
+    const std::vector<SIZE_T> doubling = {64, 128, 256, 512, 1000};
+    EXPECT_EQ(flags & SPARE ? doubling : exact, m_spy.ReallocRequests());
+    ASSERT_HR(S_OK, lb->SetSize(U(20)));
+    EXPECT_EQ(20u, StatSize(lb));
+    EXPECT_EQ(Bytes({32, 39, 46, 53}), ReadAll(lb, 8, 16)) << "up to the size only";
+    EXPECT_EQ((flags & SPARE ? doubling.size() : exact.size() + 1), m_spy.ReallocRequests().size());
+    EXPECT_EQ(1, m_spy.Outstanding()) << "one buffer";
+    ASSERT_HR(S_OK, lb->SetSize(U(0)));
+    EXPECT_EQ(0, m_spy.Outstanding()) << "size 0 frees the buffer";
+    EXPECT_EQ(0u, lb->Release());
+    m_spy.ClearRequests();
   }
-  EXPECT_HR(STG_E_MEDIUMFULL, WriteBytes(lb, 992, Pattern(16)));
-  EXPECT_EQ(expected, m_spy.ReallocRequests());
-  EXPECT_EQ(1, m_spy.Outstanding()) << "one buffer";
-  ASSERT_HR(S_OK, lb->SetSize(U(0)));
-  EXPECT_EQ(0, m_spy.Outstanding()) << "size 0 frees the buffer";
-  EXPECT_EQ(0u, lb->Release());
 }
 
 // A caller's block is freed with the store unless NOFREE; the store holds its own

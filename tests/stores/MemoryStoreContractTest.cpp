@@ -200,4 +200,16 @@ TYPED_TEST(StreamContract, CopyToMovesWhatItReadThroughOneBuffer) {
   ASSERT_HR(S_OK, GetHGlobalFromStream(target, &global));
   EXPECT_EQ(0, std::memcmp(Pattern(600, 4).data(), GlobalLock(global), 600)) << "all of it";
   EXPECT_EQ(0u, target->Release());
+  // Into another of the library's streams, the bytes go from where they lie.
+  ASSERT_HR(S_OK, CreateStreamOnMemory(nullptr, 0, QVCLBOMF_TASKALLOCATOR, 0, &target));
+  ASSERT_HR(S_OK, this->m_object->Seek(L(100), STREAM_SEEK_SET, nullptr));
+  EXPECT_HR(S_OK, this->m_object->CopyTo(target, U(1000), &read, &written));
+  EXPECT_EQ(std::make_pair(500ull, 500ull), std::make_pair(read.QuadPart, written.QuadPart));
+  const Bytes all = Pattern(600, 4);
+  Bytes back(600);
+  ASSERT_HR(S_OK, target->Seek(L(0), STREAM_SEEK_SET, nullptr));
+  EXPECT_HR(S_OK, target->Read(back.data(), 600, &read.LowPart));
+  back.resize(read.LowPart);
+  EXPECT_EQ(Bytes(all.begin() + 100, all.end()), back);
+  EXPECT_EQ(0u, target->Release());
 }

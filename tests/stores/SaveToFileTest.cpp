@@ -6,7 +6,7 @@ using namespace storetest;
 
 namespace {
 
-// The private heap's store holds "hello", the task allocator's nothing; the
+// The private heaps' stores hold "hello", the task allocator's nothing; the
 // fixed store's memory cannot be read, so it opens its file and then fails to write.
 struct Save {
   DWORD kind;
@@ -17,6 +17,7 @@ struct Save {
 constexpr DWORD H = QVCLBOMF_PRIVATEHEAP, F = QVCLBOMF_FIXEDBLOCK;
 const Save kSaves[] = {
     {H, nullptr, "hello", CREATE_NEW, S_OK},
+    {H | QVCLBOMF_SPARE, nullptr, "hello", CREATE_NEW, S_OK},  // the size, not the buffer
     {H, "was here", "was here", CREATE_NEW, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS)},
     {H, nullptr, nullptr, OPEN_EXISTING, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)},
     {QVCLBOMF_TASKALLOCATOR, "old contents", "", CREATE_ALWAYS, S_OK},
@@ -49,7 +50,7 @@ TEST_F(SaveToFileTest, WritesTheBytesOrReportsWhyAndDeletesOnlyAFileItMade) {
     void* pv = row.kind == F ? unreadable : row.kind == QVCLBOMF_BLOCKLIST ? blocks : nullptr;
     ILockBytes* lb = nullptr;
     ASSERT_HR(S_OK, CreateLockBytesOnMemory(pv, pv ? 4 : 0, row.kind, 0, &lb));
-    if (row.kind == H) WriteBytes(lb, 0, {'h', 'e', 'l', 'l', 'o'});
+    if ((row.kind & QVCLBOMF_TYPEMASK) == H) WriteBytes(lb, 0, {'h', 'e', 'l', 'l', 'o'});
     ISaveToFile* saver = nullptr;
     ASSERT_HR(S_OK, lb->QueryInterface(IID_ISaveToFile, reinterpret_cast<void**>(&saver)));
     EXPECT_HR(row.expected, saver->SaveToFile(name.c_str(), row.disposition, 0));

@@ -138,12 +138,14 @@ struct Store {
   }
 };
 
-constexpr DWORD kNoLock = QVCLBOMF_NOLOCK;
+constexpr DWORD kNoLock = QVCLBOMF_NOLOCK, kSpare = QVCLBOMF_SPARE;
 using AllKinds =
     ::testing::Types<Store<QVCLBOMF_TASKALLOCATOR>, Store<QVCLBOMF_TASKALLOCATOR, kNoLock>,
-                     Store<QVCLBOMF_PRIVATEHEAP>, Store<QVCLBOMF_PRIVATEHEAP, kNoLock>,
-                     Store<QVCLBOMF_ALLOCATOR>, Store<QVCLBOMF_ALLOCATOR, kNoLock>,
-                     Store<QVCLBOMF_FIXEDBLOCK>, Store<QVCLBOMF_FIXEDBLOCK, kNoLock>,
-                     Store<QVCLBOMF_BLOCKLIST>, Store<QVCLBOMF_BLOCKLIST, kNoLock>, Store<0>>;
+                     Store<QVCLBOMF_TASKALLOCATOR, kSpare>,
+                     Store<QVCLBOMF_ALLOCATOR, kNoLock | kSpare>, Store<QVCLBOMF_PRIVATEHEAP>,
+                     Store<QVCLBOMF_PRIVATEHEAP, kNoLock>, Store<QVCLBOMF_ALLOCATOR>,
+                     Store<QVCLBOMF_ALLOCATOR, kNoLock>, Store<QVCLBOMF_FIXEDBLOCK>,
+                     Store<QVCLBOMF_FIXEDBLOCK, kNoLock>, Store<QVCLBOMF_BLOCKLIST>,
+                     Store<QVCLBOMF_BLOCKLIST, kNoLock>, Store<0>>;
 
 }  // namespace storetest
