@@ -8,12 +8,10 @@
 // prints the figures (scripts/fuzz.sh). Each case's mutations come from a
 // generator seeded by its own number, so a failing case is reproduced alone.
 #include <gtest/gtest.h>
-#include <xkcombsd/Identifiers.h>
 #include <xkcombsd/Module.h>
-#include <xkcombsd/Persist.h>
-#include <xkcombsd/PropertyBag.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +21,7 @@
 
 #include "ComTest.h"
 #include "HResult.h"
+#include "RecordLoaders.h"
 #include "TestStreams.h"
 
 namespace {
@@ -30,77 +29,13 @@ namespace {
 using xktest::Bytes;
 using xktest::ComRef;
 using xktest::Concat;
+using xktest::kNumberClass;
+using xktest::kRefusedLoad;
+using xktest::kRefusedNumber;
+using xktest::LittleEndian32;
+using xktest::PersistentNumber;
 
-// ---- A persistent number, registered in-process under a class id of its own
-
-constexpr CLSID kNumberClass = {
-    0x6B1D0C52, 0x3E0A, 0x4F5B, {0x9C, 0x11, 0x2D, 0x7A, 0x5E, 0x40, 0xB0, 0x03}};
-constexpr LONG kRefusedNumber = 0x0BADBAD0;  // a number whose Load fails
-const HRESULT kRefusedLoad = STG_E_DOCFILECORRUPT;
-std::atomic<long> g_liveNumbers{0};
-
-class Number : public IPersistStream {
- public:
-  explicit Number(LONG value = 0) : value(value) { ++g_liveNumbers; }
-  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    const bool known = iid == IID_IUnknown || iid == IID_IPersist || iid == IID_IPersistStream;
-    *ppv = known ? this : nullptr;
-    if (known) AddRef();
-    return known ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++m_refs); }
-  STDMETHODIMP_(ULONG) Release() override {
-    const long left = --m_refs;
-    if (left == 0) delete this;
-    return static_cast<ULONG>(left);
-  }
-  STDMETHODIMP GetClassID(CLSID* clsid) override {
-    *clsid = kNumberClass;
-    return S_OK;
-  }
-  STDMETHODIMP IsDirty() override { return S_FALSE; }
-  STDMETHODIMP Load(IStream* stream) override {
-    LONG read = 0;
-    ULONG got = 0;
-    const HRESULT hr = stream->Read(&read, sizeof read, &got);
-    if (FAILED(hr)) return hr;
-    if (got < sizeof read) return STG_E_READFAULT;
-    if (read == kRefusedNumber) return kRefusedLoad;
-    value = read;
-    return S_OK;
-  }
-  STDMETHODIMP Save(IStream* stream, BOOL) override {
-    return stream->Write(&value, sizeof value, nullptr);
-  }
-  STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override {
-    size->QuadPart = sizeof value;
-    return S_OK;
-  }
-
-  LONG value;
-
- private:
-  ~Number() { --g_liveNumbers; }
-  std::atomic<long> m_refs{1};
-};
-
-class NumberFactory : public IClassFactory {
- public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    const bool known = iid == IID_IUnknown || iid == IID_IClassFactory;
-    *ppv = known ? this : nullptr;
-    return known ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }  // lives as long as the program
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
-  STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** ppv) override {
-    *ppv = nullptr;
-    if (outer) return CLASS_E_NOAGGREGATION;
-    ComRef<Number> number(new Number);
-    return number->QueryInterface(iid, ppv);
-  }
-  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-} g_numberFactory;
+xktest::NumberFactory g_numberFactory;
 
 // ---- Seeds: records the library writes, with the offsets of their 32-bit counts
 
@@ -130,7 +65,7 @@ Seed BstrSeed(const char* bytes, UINT length) {
 }
 
 // A value of each supported type, a BSTR, an object, and each of those by reference.
-VARIANT Value(VARTYPE vt, BSTR* text, Number** number, LONGLONG* bits) {
+VARIANT Value(VARTYPE vt, BSTR* text, PersistentNumber** number, LONGLONG* bits) {
   VARIANT value = {};
   value.vt = vt;
   value.llVal = *bits;
@@ -146,7 +81,7 @@ VARIANT Value(VARTYPE vt, BSTR* text, Number** number, LONGLONG* bits) {
 
 Seed VariantSeed(VARTYPE vt, LONG number = 0x01020304, bool nullObject = false) {
   BSTR text = SysAllocString(L"abc");
-  Number* object = nullObject ? nullptr : new Number(number);
+  PersistentNumber* object = nullObject ? nullptr : new PersistentNumber(number, true);
   LONGLONG bits = 0x0102030405060708;
   const VARIANT value = Value(vt, &text, &object, &bits);
   Seed seed{Saved([&](IStream* s) { return VARIANT_SaveToStream(s, &value); }), {}};
@@ -178,96 +113,70 @@ Seed ObjectSeed(const CLSID& clsid, const Seed& data) {
   return Cat({Bytes(id, id + sizeof clsid), {}}, data);
 }
 
-// ---- Loaders: each frees what a success hands out; a failure that hands
-// something out (or leaves a VARIANT that is not empty) answers kHandedOut.
-
-const HRESULT kHandedOut = static_cast<HRESULT>(0xAFFFFFFF);
-
-template <class Out, class Load, class Free>
-HRESULT LoadAndFree(IStream* stream, Load load, Free free) {
-  Out out = reinterpret_cast<Out>(0xDEADBEEF);
-  const HRESULT hr = load(stream, &out);
-  if (SUCCEEDED(hr) && out) free(out);
-  return FAILED(hr) && out ? kHandedOut : hr;
-}
-HRESULT LoadBstr(IStream* s) { return LoadAndFree<BSTR>(s, BSTR_LoadFromStream, SysFreeString); }
-HRESULT LoadOle(IStream* s) {
-  return LoadAndFree<LPOLESTR>(s, OleString_LoadFromStream, CoTaskMemFree);
-}
-HRESULT LoadArray(IStream* s) {  // a placeholder: the output is not even written
-  SAFEARRAY* kept = nullptr;
-  const HRESULT hr = SAFEARRAY_LoadFromStream(s, &kept);
-  return kept ? kHandedOut : hr;
-}
-HRESULT LoadBag(IStream* s) {
-  return LoadAndFree<IPropertyBag*>(s, PropertyBag_LoadFromStream,
-                                    [](IPropertyBag* bag) { bag->Release(); });
-}
-HRESULT Cleared(HRESULT hr, VARIANT* value) {
-  if (FAILED(hr) && value->vt != VT_EMPTY) return kHandedOut;
-  return FAILED(VariantClear(value)) ? kHandedOut : hr;
-}
-HRESULT LoadVariant(IStream* s) {
-  VARIANT value;
-  std::memset(&value, 0xCD, sizeof value);
-  return Cleared(VARIANT_LoadFromStream(s, &value), &value);
-}
-HRESULT LoadProperty(IStream* s) {
-  LPOLESTR name = nullptr;  // a failure may leave the name's block for the caller
-  VARIANT value;
-  VariantInit(&value);
-  const HRESULT hr = Property_LoadFromStream(s, &name, &value);
-  CoTaskMemFree(name);
-  return Cleared(hr, &value);
-}
-HRESULT InitNumber(IStream* s) {
-  ComRef<Number> number(new Number(7));
-  return OleInitFromStream(s, number.get());
-}
-ComRef<IPersistStream>* NewBag(ComRef<IPersistStream>* bag) {
-  CoCreateInstance(CLSID_QvPropertyBag, nullptr, CLSCTX_INPROC_SERVER, IID_IPersistStream,
-                   reinterpret_cast<void**>(bag->put()));
-  return bag;
-}
-HRESULT InitBag(IStream* s) {
-  ComRef<IPersistStream> bag;
-  return PropertyBag_InitFromStream(s, NewBag(&bag)->get());
-}
-HRESULT LoadIntoBag(IStream* s) {
-  ComRef<IPersistStream> bag;
-  return (*NewBag(&bag))->Load(s);
-}
+// ---- Loaders and rows
 
 struct Loader {
   const char* name;
   HRESULT (*load)(IStream*);
   bool guarded;  // a failure puts the stream back where it was
 };
-const Loader kBstr{"BSTR", LoadBstr, true}, kOle{"OLE string", LoadOle, true},
-    kVariant{"VARIANT", LoadVariant, true}, kProperty{"property", LoadProperty, true},
-    kArray{"SAFEARRAY", LoadArray, true}, kInitNumber{"init object", InitNumber, true},
-    kInitBag{"init bag", InitBag, true}, kLoadBag{"load bag", LoadBag, false},
-    kBagLoad{"bag's Load", LoadIntoBag, false};
+const Loader kBstr{"BSTR", xktest::LoadBstr, true}, kOle{"OLE string", xktest::LoadOleString, true},
+    kVariant{"VARIANT", xktest::LoadVariant, true},
+    kProperty{"property", xktest::LoadProperty, true}, kArray{"SAFEARRAY", xktest::LoadArray, true},
+    kInitNumber{"init object", xktest::InitNumber, true},
+    kInitBag{"init bag", xktest::InitBag, true}, kLoadBag{"load bag", xktest::LoadBag, false},
+    kBagLoad{"bag's Load", xktest::LoadIntoBag, false};
 
 struct Row {
   std::string name;
   Seed seed;
   const Loader* loader;
-  HRESULT expected;  // for the seed itself
+  HRESULT expected;     // for the seed itself
+  bool strict = false;  // whether the seed is read from a stream that refuses short reads
 };
 
+Seed Counted(ULONG count, const Bytes& rest = {}) {
+  return {Concat(LittleEndian32(count), rest), {0}};
+}
+Seed Header(VARTYPE vt) { return {Concat({BYTE(vt), BYTE(vt >> 8)}, Bytes(14, 0xCC)), {}}; }
+
 std::vector<Row> Rows() {
-  const HRESULT kOddText = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+  const HRESULT kBad = HRESULT_FROM_WIN32(ERROR_INVALID_DATA), kFault = STG_E_READFAULT;
+  const Seed number = ObjectSeed(kNumberClass, {{4, 3, 2, 1}, {}});
   std::vector<Row> rows = {
+      // Hostile records pinned to their codes, read as a strict stream reads
+      {"BSTR count cut short", {{8, 0}, {}}, &kBstr, kFault, true},
+      {"BSTR text cut short", Counted(8, {'a', 0}), &kBstr, kFault, true},
+      {"BSTR garbage count", Counted(~0u), &kBstr, kBad, true},
+      {"BSTR count past the stream", Counted((1u << 20) + 64, Bytes(10, 'x')), &kBstr, kBad, true},
+      {"OLE odd count", Counted(3, {'a', 0, 0}), &kOle, kBad, true},
+      {"OLE no terminator", Counted(4, {'a', 0, 'b', 0}), &kOle, kBad, true},
+      {"OLE garbage count", Counted(0x80000000), &kOle, kBad, true},
+      {"VARIANT cut short", {{3, 0}, {}}, &kVariant, kFault, true},
+      {"VARIANT BSTR garbage count", Cat(Header(VT_BSTR), Counted(~0u)), &kVariant, kBad, true},
+      {"VARIANT vt 0xFFFF", Header(0xFFFF), &kVariant, DISP_E_BADVARTYPE, true},
+      {"class id cut short", {Bytes(10, 0x11), {}}, &kInitNumber, kFault, true},
+      {"number cut short",
+       {Bytes(number.bytes.begin(), number.bytes.end() - 3), {}},
+       &kInitNumber,
+       kFault,
+       true},
+      // and as a lenient stream reads them, which pads a short read with nothing
+      {"name length 0", Counted(0, Bytes(16, 0)), &kProperty, kBad},
+      {"name length odd", Counted(5, Bytes(21, 0)), &kProperty, kBad},
+      {"name length past the stream", Counted(0x7FFFFFF0, Bytes(8, 'x')), &kProperty, kBad},
+      {"name length 0xFFFFFFFE", Counted(0xFFFFFFFE), &kProperty, kBad},
+      {"name length cut short", {{1, 0}, {0}}, &kProperty, kBad},
+      // Records the library writes
       {"BSTR abc", BstrSeed("a\0b\0c\0", 6), &kBstr, S_OK},
       {"BSTR abc", BstrSeed("a\0b\0c\0", 6), &kOle, S_OK},
       {"BSTR null", BstrSeed(nullptr, 0), &kBstr, S_OK},
       {"BSTR null", BstrSeed(nullptr, 0), &kOle, S_OK},
       {"BSTR xyz", BstrSeed("xyz", 3), &kBstr, S_OK},
-      {"BSTR xyz", BstrSeed("xyz", 3), &kOle, kOddText},
-      {"number", ObjectSeed(kNumberClass, {{4, 3, 2, 1}, {}}), &kInitNumber, S_OK},
-      {"number", ObjectSeed(kNumberClass, {{4, 3, 2, 1}, {}}), &kLoadBag, E_NOINTERFACE},
-      {"number", ObjectSeed(kNumberClass, {{4, 3, 2, 1}, {}}), &kInitBag, TYPE_E_INVALIDID},
+      {"BSTR xyz", BstrSeed("xyz", 3), &kOle, kBad},
+      {"number", number, &kInitNumber, S_OK},
+      {"number", number, &kLoadBag, E_NOINTERFACE},
+      {"number", number, &kInitBag, TYPE_E_INVALIDID},
       {"property abc", PropertySeed(L"abc", VT_I4), &kProperty, S_OK},
       {"property n", PropertySeed(L"n", VT_BSTR), &kProperty, S_OK},
       {"bag data", BagData(), &kBagLoad, S_OK},
@@ -356,6 +265,9 @@ Bytes Mutant(const Seed& seed, unsigned caseNumber) {
 // ---- The engine
 
 const Bytes kPrefix = {0xEE, 0xEE, 0xEE};  // where the record starts is not 0
+// Counts up to 1 MiB are believed without asking the stream; a larger one only
+// when the stream holds that much.
+const SIZE_T kMostReserved = (1u << 20) + 32;
 
 struct Figures {
   unsigned cases = 0, failures = 0;
@@ -372,14 +284,6 @@ LONG WINAPI ReportCrash(EXCEPTION_POINTERS* info) {
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
-double Milliseconds(LARGE_INTEGER from) {
-  LARGE_INTEGER now, frequency;
-  QueryPerformanceCounter(&now);
-  QueryPerformanceFrequency(&frequency);
-  return 1000.0 * static_cast<double>(now.QuadPart - from.QuadPart) /
-         static_cast<double>(frequency.QuadPart);
-}
-
 // One case: what went wrong, or "" when nothing did.
 std::string RunCase(const Row& row, const Bytes& mutant, bool strict, HRESULT expected) {
   xktest::FaultyStream stream(Concat(kPrefix, mutant));
@@ -391,13 +295,18 @@ std::string RunCase(const Row& row, const Bytes& mutant, bool strict, HRESULT ex
   const HRESULT hr = row.loader->load(&stream);
   const ULONGLONG position = stream.Position();
   std::string wrong;
-  if (hr == kHandedOut) wrong += " a failure handed something out;";
+  if (hr == xktest::kBrokenOutput) wrong += " broke a promise about its output;";
   if (expected != S_FALSE && hr != expected) wrong += " answered " + xktest::HexOf(hr) + ";";
   if ((FAILED(hr) && row.loader->guarded) ? position != start
                                           : (position < start || position > end))
     wrong += " left the stream at " + std::to_string(position) + ";";
+  for (SIZE_T request : spy.AllocRequests())
+    if (request > kMostReserved) wrong += " asked for " + std::to_string(request) + ";";
   if (spy.Outstanding()) wrong += " leaked " + std::to_string(spy.Outstanding()) + " blocks;";
-  if (g_liveNumbers) wrong += " left " + std::to_string(g_liveNumbers.exchange(0)) + " objects;";
+  if (long& live = PersistentNumber::Live()) {
+    wrong += " left " + std::to_string(live) + " objects;";
+    live = 0;
+  }
   if (stream.References() != 1) wrong += " kept the stream;";
   if (unloadable && DllCanUnloadNow() != S_OK) wrong += " kept the library loaded;";
   return wrong;
@@ -409,11 +318,13 @@ Figures Fuzz(const std::vector<Row>& rows, unsigned cases) {
     g_currentCase = i;
     const Row& row = rows[i % rows.size()];
     const unsigned caseNumber = static_cast<unsigned>(i / rows.size());
-    LARGE_INTEGER started;
-    QueryPerformanceCounter(&started);
-    const std::string wrong = RunCase(row, Mutant(row.seed, caseNumber), caseNumber % 2 == 1,
+    const auto started = std::chrono::steady_clock::now();
+    const std::string wrong = RunCase(row, Mutant(row.seed, caseNumber),
+                                      caseNumber == 0 ? row.strict : caseNumber % 2 == 1,
                                       caseNumber == 0 ? row.expected : S_FALSE);
-    const double ms = Milliseconds(started);
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started)
+            .count();
     const std::string where = "case " + std::to_string(i) + " (" + row.name + " into " +
                               row.loader->name + ", mutant " + std::to_string(caseNumber) + ")";
     if (ms > figures.slowestMs) figures.slowestMs = ms, figures.slowest = where;
@@ -442,7 +353,7 @@ class LoaderFuzz : public xktest::ComTest<COINIT_MULTITHREADED> {
   }
   void TearDown() override {
     for (DWORD cookie : m_cookies) CoRevokeClassObject(cookie);
-    EXPECT_EQ(0, g_liveNumbers.load());
+    EXPECT_EQ(0, PersistentNumber::Live());
     ComTest::TearDown();
   }
   void Register(REFCLSID clsid, IUnknown* factory) {
@@ -464,28 +375,16 @@ TEST_F(LoaderFuzz, AVariantObjectRoundTripsThroughItsRegisteredClass) {
   ComRef<IPersistStream> persist;
   ASSERT_HR(S_OK, loaded.punkVal->QueryInterface(IID_IPersistStream,
                                                  reinterpret_cast<void**>(persist.put())));
-  EXPECT_EQ(0x01020304, static_cast<Number*>(persist.get())->value);
+  EXPECT_EQ(0x01020304, static_cast<PersistentNumber*>(persist.get())->value);
   persist.Reset();
-  EXPECT_EQ(1, g_liveNumbers.load());
+  EXPECT_EQ(1, PersistentNumber::Live());
   VariantClear(&loaded);
-}
-
-// The platform's own loader returned this failure with the object still in its
-// output, where nobody released it.
-TEST_F(LoaderFuzz, AVariantObjectWhoseLoadFailsIsReleased) {
-  const Seed seed = VariantSeed(VT_UNKNOWN, kRefusedNumber);
-  ComRef<IStream> stream(xktest::NewMemoryStream(seed.bytes));
-  VARIANT loaded;
-  EXPECT_HR(kRefusedLoad, VARIANT_LoadFromStream(stream.get(), &loaded));
-  EXPECT_EQ(VT_EMPTY, loaded.vt);
-  EXPECT_EQ(0u, xktest::PositionOf(stream.get()));
-  EXPECT_EQ(0, g_liveNumbers.load());
 }
 
 TEST_F(LoaderFuzz, EveryLoaderSurvivesEveryMutantOfEveryRecordItReads) {
   const std::vector<Row> rows = Rows();
   SetUnhandledExceptionFilter(ReportCrash);
-  const Figures figures = Fuzz(rows, CasesAsked(static_cast<unsigned>(rows.size()) * 200));
+  const Figures figures = Fuzz(rows, CasesAsked(static_cast<unsigned>(rows.size()) * 100));
   std::printf("cases %u, failures %u, slowest %.3f ms: %s\n", figures.cases, figures.failures,
               figures.slowestMs, figures.slowest.c_str());
   EXPECT_EQ(0u, figures.failures);
