@@ -6,6 +6,7 @@
 #include <xkcombsd/Persist.h>
 #include <xkcombsd/ScopedValue.h>
 
+#include "persist/ObjectLoading.h"
 #include "persist/RecordIO.h"
 #include "persist/StreamPositionGuard.h"
 
@@ -70,18 +71,14 @@ HRESULT SaveByValue(IStream* stream, const VARIANT& value) {
   return hr;
 }
 
-// Objects are created by the platform from the class id in the record. A saved
-// null pointer names CLSID_NULL, which no server registers: that refusal is the
-// null object. Only a success stores the object; on failure the platform may
-// leave behind a pointer it has already released, so that one is never touched.
-HRESULT LoadObject(IStream* stream, VARTYPE vt, IUnknown** object) {
-  *object = nullptr;
-  void* loaded = nullptr;
-  const HRESULT hr =
-      OleLoadFromStream(stream, vt == VT_DISPATCH ? IID_IDispatch : IID_IUnknown, &loaded);
-  if (hr == REGDB_E_CLASSNOTREG) return S_OK;
-  if (SUCCEEDED(hr)) *object = static_cast<IUnknown*>(loaded);
-  return hr;
+// The object is made by the library's own loader rather than the platform's,
+// which on some systems returns a failed Load with the object still in its
+// output (or one it has already released). A saved null pointer names
+// CLSID_NULL, which no server registers: that refusal is the null object.
+HRESULT LoadVariantObject(IStream* stream, VARTYPE vt, IUnknown** object) {
+  const HRESULT hr = LoadObject(stream, vt == VT_DISPATCH ? IID_IDispatch : IID_IUnknown,
+                                reinterpret_cast<void**>(object));
+  return hr == REGDB_E_CLASSNOTREG ? S_OK : hr;
 }
 
 // Each payload loader leaves its pointer null unless it succeeds.
@@ -92,7 +89,7 @@ HRESULT LoadPayload(IStream* stream, VARIANT* value) {
     case Payload::Bstr:
       return LoadBstrRecord(stream, &value->bstrVal);
     case Payload::Object:
-      return LoadObject(stream, value->vt, &value->punkVal);
+      return LoadVariantObject(stream, value->vt, &value->punkVal);
     case Payload::Array:
       return SAFEARRAY_LoadFromStream(stream, &value->parray);
     default:

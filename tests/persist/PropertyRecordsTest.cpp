@@ -80,28 +80,4 @@ TEST_F(PropertyRecordsTest, AFailedWritePutsThePositionBack) {
   }
 }
 
-// A hostile length never reads past the stream or reserves what the stream
-// cannot back; the position goes back, and a name block already handed out is
-// the caller's to free.
-TEST_F(PropertyRecordsTest, HostileNameLengthsFailPromptlyAndPutThePositionBack) {
-  const std::pair<const char*, Bytes> rows[] = {
-      {"length 0", Concat(LittleEndian32(0), kEmptyVariant)},
-      {"odd length", Concat(LittleEndian32(5), Bytes(21, 0))},
-      {"length past the stream", Concat(LittleEndian32(0x7FFFFFF0), Bytes(8, 'x'))},
-      {"length 0xFFFFFFFE", LittleEndian32(0xFFFFFFFE)},
-      {"cut length", {1, 0}},  // short reads give zeros: length 1
-  };
-  for (const auto& [what, record] : rows) {
-    SCOPED_TRACE(what);
-    ComRef<IStream> stream(xktest::NewMemoryStream(record));
-    LPOLESTR name = nullptr;
-    VARIANT value = {};
-    EXPECT_HR(HRESULT_FROM_WIN32(ERROR_INVALID_DATA),
-              Property_LoadFromStream(stream.get(), &name, &value));
-    EXPECT_EQ(0u, xktest::PositionOf(stream.get()));
-    EXPECT_EQ(VT_EMPTY, V_VT(&value));
-    CoTaskMemFree(name);
-  }
-}
-
 }  // namespace
