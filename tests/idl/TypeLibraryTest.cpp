@@ -9,11 +9,13 @@
 
 #include <string>
 
+#include "RegistryProbe.h"
 #include "TestStreams.h"
 
 namespace {
 
 using xktest::ComRef;
+using xktest::GuidText;
 
 std::string Narrow(const wchar_t* text) {
   std::string narrow;
@@ -25,12 +27,6 @@ std::string Hex(unsigned long value) {
   char text[16];
   wsprintfA(text, "%lX", value);
   return text;
-}
-
-std::string GuidText(const GUID& guid) {
-  wchar_t text[40];
-  StringFromGUID2(guid, text, 40);
-  return Narrow(text);
 }
 
 // "[library.]name" of a referenced type; the library is named only when it is
