@@ -17,6 +17,15 @@ set(XK_MODULE_COMPILE_OPTIONS
 set(XK_EXPORT_CHECK ${PROJECT_SOURCE_DIR}/scripts/check_exports.py)
 set(XK_EXPORTS_DIR  ${PROJECT_SOURCE_DIR}/tests/exports)
 
+# An import library made from a module's .def (dlltool, llvm-dlltool) keeps the
+# i686 decorations in the symbols clients link against but imports the
+# undecorated names the module exports.
+if(XK_ARCH STREQUAL "i686")
+  set(XK_DLLTOOL_UNDECORATE -k)
+else()
+  set(XK_DLLTOOL_UNDECORATE "")
+endif()
+
 # xk_add_module(<name> DEF <file> BASE <address> SOURCES ... [LIBRARIES ...])
 function(xk_add_module name)
   cmake_parse_arguments(ARG "" "DEF;BASE" "SOURCES;LIBRARIES" ${ARGN})
@@ -39,6 +48,8 @@ function(xk_add_module name)
     set(arch_flags "")
   endif()
   set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${ARG_DEF})
+  # The .def as this target links with it, for import libraries made from it.
+  set_property(TARGET ${name} PROPERTY XK_MODULE_DEF ${def})
 
   target_link_options(${name} PRIVATE
     -nostdlib -Wl,--entry=${entry} -Wl,--image-base=${ARG_BASE}
@@ -47,7 +58,7 @@ function(xk_add_module name)
 
   if(XK_ARCH STREQUAL "i686")
     add_custom_command(TARGET ${name} POST_BUILD
-      COMMAND ${CMAKE_DLLTOOL} -k -d ${ARG_DEF} -D ${name}.dll -l $<TARGET_LINKER_FILE:${name}>
+      COMMAND ${CMAKE_DLLTOOL} ${XK_DLLTOOL_UNDECORATE} -d ${def} -D ${name}.dll -l $<TARGET_LINKER_FILE:${name}>
       COMMENT "Import library of ${name} with decorated symbols")
   endif()
   add_custom_command(TARGET ${name} POST_BUILD

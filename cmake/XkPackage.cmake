@@ -12,20 +12,17 @@ include(CMakePackageConfigHelpers)
 set(XK_MSVC_IMPLIB ${CMAKE_ARCHIVE_OUTPUT_DIRECTORY}/XKComBsD.lib)
 if(XK_ARCH STREQUAL "i686")
   set(machine i386)
-  set(undecorate -k)
-  set(def ${PROJECT_SOURCE_DIR}/src/XKComBsD.def)
 else()
   set(machine i386:x86-64)
-  set(undecorate "")
-  set(def ${CMAKE_BINARY_DIR}/src/XKComBsD.def)
 endif()
+get_target_property(def XKComBsD XK_MODULE_DEF)
 
 # Both import libraries are checked to carry every export, as they are made.
 set(check_implib ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/scripts/check_import_library.py
   --compiler ${CMAKE_C_COMPILER} --objdump ${CMAKE_OBJDUMP} --def ${def}
   --expected ${PROJECT_SOURCE_DIR}/tests/exports/XKComBsD.exports)
 add_custom_command(TARGET XKComBsD POST_BUILD
-  COMMAND llvm-dlltool -m ${machine} ${undecorate} -d ${def} -D XKComBsD.dll -l ${XK_MSVC_IMPLIB}
+  COMMAND llvm-dlltool -m ${machine} ${XK_DLLTOOL_UNDECORATE} -d ${def} -D XKComBsD.dll -l ${XK_MSVC_IMPLIB}
   COMMAND ${check_implib} --library $<TARGET_LINKER_FILE:XKComBsD>
   COMMAND ${check_implib} --library ${XK_MSVC_IMPLIB}
   COMMENT "Import libraries of XKComBsD for MSVC-style linkers, and the check of both")
