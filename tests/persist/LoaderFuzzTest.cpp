@@ -9,52 +9,72 @@
 // generator seeded by its own number, so a failing case is reproduced alone.
 #include <gtest/gtest.h>
 #include <xkcombsd/Module.h>
+#include <xkcombsd/Stores.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "ComTest.h"
 #include "HResult.h"
+#include "Mutations.h"
 #include "RecordLoaders.h"
+#include "RegistryProbe.h"
 #include "TestStreams.h"
 
 namespace {
 
 using xktest::Bytes;
+using xktest::Cat;
 using xktest::ComRef;
 using xktest::Concat;
 using xktest::kNumberClass;
 using xktest::kRefusedLoad;
 using xktest::kRefusedNumber;
 using xktest::LittleEndian32;
+using xktest::Mutant;
 using xktest::PersistentNumber;
+using xktest::Seed;
 
 xktest::NumberFactory g_numberFactory;
 
 // ---- Seeds: records the library writes, with the offsets of their 32-bit counts
-
-struct Seed {
-  Bytes bytes;
-  std::vector<size_t> counts;
-};
-
-Seed Cat(Seed first, const Seed& second) {
-  for (size_t count : second.counts) first.counts.push_back(first.bytes.size() + count);
-  first.bytes = Concat(first.bytes, second.bytes);
-  return first;
-}
 
 template <class Save>
 Bytes Saved(Save save) {
   ComRef<IStream> stream(xktest::NewMemoryStream());
   EXPECT_HR(S_OK, save(stream.get()));
   return xktest::ContentOf(stream.get());
+}
+
+// Records as the registry store keeps them: saved through a stream on a
+// store over the test's own key, read back from the value its flush wrote.
+template <class Save>
+Bytes KeptInTheRegistry(Save save) {
+  const char kKey[] = "Software\\XKComBsD tests\\fuzz seed";
+  xktest::KeyTreeCleanup cleanup(HKEY_CURRENT_USER, {kKey});
+  HKEY key = nullptr;
+  EXPECT_EQ(0, RegCreateKeyA(HKEY_CURRENT_USER, kKey, &key));
+  {
+    ComRef<ILockBytes> store;
+    ComRef<IStream> stream;
+    EXPECT_HR(S_OK, CreateLockBytesOnRegKey(key, nullptr, 0, store.put()));
+    RegCloseKey(key);
+    if (!store.get()) return {};
+    EXPECT_HR(S_OK, CreateStreamOnLockBytes(store.get(), 0, stream.put()));
+    EXPECT_HR(S_OK, save(stream.get()));
+    EXPECT_HR(S_OK, store->Flush());
+  }
+  Bytes value(4096);
+  DWORD cb = static_cast<DWORD>(value.size());
+  EXPECT_EQ(0, RegGetValueA(HKEY_CURRENT_USER, kKey, nullptr, RRF_RT_REG_BINARY, nullptr,
+                            value.data(), &cb));
+  value.resize(cb);
+  return value;
 }
 
 Seed BstrSeed(const char* bytes, UINT length) {
@@ -140,6 +160,19 @@ Seed Counted(ULONG count, const Bytes& rest = {}) {
 }
 Seed Header(VARTYPE vt) { return {Concat({BYTE(vt), BYTE(vt >> 8)}, Bytes(14, 0xCC)), {}}; }
 
+// A BSTR VARIANT and a property, as one value of the registry.
+Seed RegistrySeed() {
+  VARIANT text;
+  VARIANT_InitBSTRW(&text, L"kept");
+  const Bytes bytes = KeptInTheRegistry([&](IStream* s) {
+    const HRESULT hr = VARIANT_SaveToStream(s, &text);
+    return FAILED(hr) ? hr : Property_SaveToStream(s, L"name", &text);
+  });
+  VariantClear(&text);
+  const size_t name = 28;  // after the VARIANT's header, count and 4 characters
+  return {bytes, {16, name, name + 4 + (bytes.size() > name ? bytes[name] : 0) + 16}};
+}
+
 std::vector<Row> Rows() {
   const HRESULT kBad = HRESULT_FROM_WIN32(ERROR_INVALID_DATA), kFault = STG_E_READFAULT;
   const Seed number = ObjectSeed(kNumberClass, {{4, 3, 2, 1}, {}});
@@ -194,6 +227,7 @@ std::vector<Row> Rows() {
       {"VARIANT dispatch", VariantSeed(VT_DISPATCH), &kVariant, E_NOINTERFACE},
       {"VARIANT dispatch by reference", VariantSeed(VT_BYREF | VT_DISPATCH), &kVariant,
        E_NOINTERFACE},
+      {"registry value", RegistrySeed(), &kVariant, S_OK},
       {"VARIANT bag",
        Cat({Bytes{VT_UNKNOWN, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {}},
            ObjectSeed(CLSID_QvPropertyBag_ST, BagData())),
@@ -206,60 +240,6 @@ std::vector<Row> Rows() {
         rows.push_back(
             {"VARIANT vt " + std::to_string(vt | byRef), VariantSeed(vt | byRef), &kVariant, S_OK});
   return rows;
-}
-
-// ---- Mutations
-
-ULONG CountValue(std::mt19937& rng, ULONG original) {
-  const ULONG values[] = {0,
-                          1,
-                          2,
-                          3,
-                          original - 1,
-                          original + 1,
-                          original + 2,
-                          original | 1,
-                          0x7FFFFFFF,
-                          0x80000000,
-                          0xFFFFFFFF,
-                          0xFFFFFFFE,
-                          0x00010000,
-                          rng() | 1,
-                          rng()};
-  return values[rng() % (sizeof values / sizeof values[0])];
-}
-
-// Case 0 of each row is the seed itself; the others apply one to three mutations.
-Bytes Mutant(const Seed& seed, unsigned caseNumber) {
-  std::mt19937 rng(caseNumber);
-  Bytes bytes = seed.bytes;
-  const unsigned mutations = caseNumber == 0 ? 0 : 1 + rng() % 3;
-  for (unsigned m = 0; m < mutations; ++m) {
-    const size_t at = bytes.empty() ? 0 : rng() % bytes.size();
-    switch (rng() % 6) {
-      case 0:
-        if (!bytes.empty()) bytes[at] ^= static_cast<unsigned char>(1u << rng() % 8);
-        break;
-      case 1:
-        bytes.insert(bytes.begin() + at, static_cast<unsigned char>(rng()));
-        break;
-      case 2:
-        if (!bytes.empty()) bytes.erase(bytes.begin() + at);
-        break;
-      case 3:
-        bytes.resize(at);
-        break;
-      default:  // counts are the likeliest to matter, so twice as often
-        if (seed.counts.empty()) break;
-        const size_t field = seed.counts[rng() % seed.counts.size()];
-        if (field + 4 > bytes.size()) break;
-        ULONG count;
-        std::memcpy(&count, &bytes[field], 4);
-        count = CountValue(rng, count);
-        std::memcpy(&bytes[field], &count, 4);
-    }
-  }
-  return bytes;
 }
 
 // ---- The engine
