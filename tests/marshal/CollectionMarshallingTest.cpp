@@ -13,6 +13,7 @@
 #include "ComTest.h"
 #include "DebugOutput.h"
 #include "FakeUnknown.h"
+#include "Mutations.h"
 
 namespace {
 
@@ -56,7 +57,10 @@ class RecordingChannel : public IRpcChannelBuffer {
   STDMETHODIMP QueryInterface(REFIID, void** ppv) override { return *ppv = nullptr, E_NOINTERFACE; }
   STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
   STDMETHODIMP_(ULONG) Release() override { return --refs; }
+  // A buffer larger than any of these tests sends is refused, as a channel
+  // short of memory would: a hostile count must not cost gigabytes here.
   STDMETHODIMP GetBuffer(RPCOLEMESSAGE* msg, REFIID iid) override {
+    if (msg->cbBuffer > 1u << 20) return E_OUTOFMEMORY;
     m_iid = iid;
     msg->Buffer = m_held.emplace_back(msg->cbBuffer, 0xCC).data();
     return S_OK;
@@ -65,7 +69,8 @@ class RecordingChannel : public IRpcChannelBuffer {
     *status = 0;
     if (canned.empty()) return Deliver(m_iid == IID_ISeqGUID ? stubs[1] : stubs[0], msg);
     sent = Of(*msg);
-    msg->Buffer = m_held.emplace_back(replied = canned).data();
+    replied = canned;
+    msg->Buffer = guarded.Place(canned);
     msg->cbBuffer = static_cast<ULONG>(canned.size());
     return S_OK;
   }
@@ -75,7 +80,7 @@ class RecordingChannel : public IRpcChannelBuffer {
 
   HRESULT Deliver(IRpcStubBuffer* stub, RPCOLEMESSAGE* msg) {
     sent = Of(*msg);
-    const IID requested = m_iid;
+    const IID requested = stub == stubs[1] ? IID_ISeqGUID : IID_IQvEnumGUID;
     const void* request = msg->Buffer;
     const HRESULT hr = stub->Invoke(msg, this);
     replied = msg->Buffer == request ? Bytes() : Of(*msg);
@@ -83,6 +88,22 @@ class RecordingChannel : public IRpcChannelBuffer {
     return hr;
   }
 
+  // Canned replies, and requests the test hands to a stub, end where a page
+  // nobody may touch begins, so that reading one byte past one faults.
+  struct GuardedPages {
+    static constexpr SIZE_T kRoom = 1 << 16, kPage = 4096;
+    GuardedPages()
+        : base(static_cast<BYTE*>(
+              VirtualAlloc(nullptr, kRoom + kPage, MEM_COMMIT, PAGE_READWRITE))) {
+      DWORD was;
+      VirtualProtect(base + kRoom, kPage, PAGE_NOACCESS, &was);
+    }
+    ~GuardedPages() { VirtualFree(base, 0, MEM_RELEASE); }
+    BYTE* Place(const Bytes& bytes) const {
+      return std::copy(bytes.begin(), bytes.end(), base + kRoom - bytes.size()) - bytes.size();
+    }
+    BYTE* const base;
+  } guarded;
   IRpcStubBuffer* stubs[2] = {};
   ULONG refs = 1;
   int freed = 0;
@@ -207,6 +228,76 @@ TEST_F(PairTest, EveryMethodSendsAndRepliesExactBytes) {
       << "a failure's results are not read; only the items asked for are";
   ASSERT_NE(nullptr, clone);
   EXPECT_EQ(0u, clone->Release());
+}
+
+// The other side may be another process: mutants of the replies the proxies
+// read and of the requests the stubs read must each get a code, fill no more
+// than was asked, hand out nothing on failure, free every reply once and leave
+// the server's references as they were.
+TEST_F(PairTest, MutatedRepliesAndRequestsAnswerACodeAndLeakNothing) {
+  GUID got[6];
+  const auto next = [&]() -> std::string {
+    ULONG n = 0xDEADBEEF;
+    got[5] = G(99);
+    const HRESULT hr = Enum()->Next(5, got, &n);
+    if (got[5] != G(99)) return "wrote past the items";
+    return (FAILED(hr) ? n != 0 : n > 5) ? "counted " + std::to_string(n) : "";
+  };
+  const auto clone = [&]() -> std::string {
+    IEnumGUID* clone = reinterpret_cast<IEnumGUID*>(1);
+    const HRESULT hr = Enum()->Clone(&clone);
+    if (FAILED(hr)) return clone ? "handed out a clone" : "";
+    return clone && clone->Release() == 0 ? "" : "handed out a clone it keeps";
+  };
+  const auto count = [&]() -> std::string {
+    long n = -1;
+    return FAILED(Seq()->Count(&n)) && n != 0 ? "left a failed count" : "";
+  };
+  const struct {
+    Msg seed;
+    std::vector<size_t> counts;
+    std::function<std::string()> call;
+  } replies[] = {
+      {Msg().U32(S_FALSE).U32(3).Guids(1, 3), {8}, next},
+      {Msg(1).U32(S_OK).U32(4).U32(2).Guids(0, 4), {8, 12}, clone},
+      {Msg().U32(S_OK).U32(4), {4, 8}, count},
+  };
+  const struct {
+    Msg seed;
+    std::vector<size_t> counts;
+    int stub;
+    ULONG slot;
+  } requests[] = {
+      {Msg().U32(5), {4}, 0, 3},  {Msg().U32(1), {4}, 0, 4},
+      {Msg(1), {}, 0, 6},         {Msg().U32(2).Guids(0, 2), {4}, 1, 9},
+      {Msg().U32(1), {4}, 1, 13},
+  };
+  const ULONG serverRefs = (server->AddRef(), server->Release());
+  unsigned failures = 0;
+  for (unsigned i = 0; i < 3000; ++i) {
+    std::string wrong;
+    const unsigned mutant = i / 2 / 15;  // 15 = 3 replies x 5 requests
+    if (i % 2 == 0) {
+      const auto& row = replies[i / 2 % std::size(replies)];
+      channel.canned = xktest::Mutant({row.seed.bytes, row.counts}, mutant);
+      if (channel.canned.empty()) channel.canned.push_back(0);  // empty means "no canned reply"
+      channel.freed = 0;
+      wrong = row.call();
+      if (channel.freed != 1)
+        wrong += " freed the reply " + std::to_string(channel.freed) + " times";
+    } else {
+      const auto& row = requests[i / 2 % std::size(requests)];
+      channel.canned.clear();
+      const Bytes request = xktest::Mutant({row.seed.bytes, row.counts}, mutant);
+      RPCOLEMESSAGE msg = {nullptr, 0, channel.guarded.Place(request), ULONG(request.size()),
+                           row.slot};
+      channel.Deliver(channel.stubs[row.stub], &msg);
+    }
+    if (!wrong.empty() && ++failures <= 10) ADD_FAILURE() << "case " << i << ": " << wrong;
+  }
+  channel.canned.clear();
+  EXPECT_EQ(0u, failures);
+  EXPECT_EQ(serverRefs, (server->AddRef(), server->Release()));
 }
 
 TEST_F(PairTest, ConnectsOnceAndWithoutAPeerAnswersNotConnected) {
