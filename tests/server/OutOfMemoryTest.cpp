@@ -41,16 +41,18 @@ HRESULT Made(Attempt& run, Make make) {
   return hr;
 }
 
-template <const CLSID* kClass>
+// Aggregated when an outer is given (the one class that must be).
+template <const CLSID* kClass, bool kOuter = false>
 HRESULT ByClass(Attempt& run) {
+  static FakeUnknown outer;
   return Made<IUnknown>(run, [](IUnknown** out) {
     ComRef<IClassFactory> factory;
     HRESULT hr =
         DllGetClassObject(*kClass, IID_IClassFactory, reinterpret_cast<void**>(factory.put()));
     *out = nullptr;
-    return FAILED(hr)
-               ? hr
-               : factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(out));
+    return FAILED(hr) ? hr
+                      : factory->CreateInstance(kOuter ? &outer : nullptr, IID_IUnknown,
+                                                reinterpret_cast<void**>(out));
   });
 }
 
@@ -209,6 +211,7 @@ const Row kRows[] = {
     {"class PropertyBag", ByClass<&CLSID_QvPropertyBag>},
     {"class PropertyBag_ST", ByClass<&CLSID_QvPropertyBag_ST>},
     {"class FreeThreadedUnmarshaler", ByClass<&CLSID_QvFreeThreadedUnmarshaler>},
+    {"class FreeThreadedMarshaler", ByClass<&CLSID_QvFreeThreadedMarshaler, true>},
     {"PropertyBag_LoadFromStream without a stream",
      [](Attempt& r) {
        return Made<IPropertyBag>(
