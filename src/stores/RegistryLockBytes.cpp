@@ -204,7 +204,10 @@ extern "C" HRESULT WINAPI CreateLockBytesOnRegKey(HKEY hkeyRoot, LPCWSTR subKey,
                                                   ILockBytes** pplb) {
   if (!hkeyRoot && (!subKey || !*subKey)) return E_INVALIDARG;
   auto* store = new RegistryLockBytes<xk::MultiThreaded>(cbMax);
-  if (!store) return E_OUTOFMEMORY;
+  if (!store) {
+    if (pplb) *pplb = nullptr;  // as every other creator leaves it
+    return E_OUTOFMEMORY;
+  }
   return xk::HandOut(store, IID_ILockBytes, reinterpret_cast<void**>(pplb),
                      store->Open(hkeyRoot, subKey));
 }

@@ -1,8 +1,8 @@
 // Mutation fuzzing of every record loader. Valid records of each kind the
 // library writes are bent by seeded mutations and fed to each loader that reads
 // that kind. Every case must answer a code, hand nothing out on failure, leave
-// the stream where the loader promises, and leave no task memory, no object and
-// no stream reference behind and nothing keeping the library loaded.
+// the stream where the loader promises, and leave no task memory, no global
+// block, no object, no stream reference and nothing keeping the library loaded.
 //
 // The suite runs a bounded slice; "persist_fuzz --cases=N" runs N cases and
 // prints the figures (scripts/fuzz.sh). Each case's mutations come from a
@@ -16,40 +16,32 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ComTest.h"
 #include "HResult.h"
-#include "Mutations.h"
 #include "RecordLoaders.h"
 #include "RegistryProbe.h"
 #include "TestStreams.h"
 
 namespace {
 
-using xktest::Bytes;
-using xktest::Cat;
-using xktest::ComRef;
-using xktest::Concat;
-using xktest::kNumberClass;
-using xktest::kRefusedLoad;
-using xktest::kRefusedNumber;
-using xktest::LittleEndian32;
-using xktest::Mutant;
-using xktest::PersistentNumber;
-using xktest::Seed;
+using namespace xktest;  // NOLINT: the records and loaders are the suite's vocabulary
 
-xktest::NumberFactory g_numberFactory;
+struct Row {
+  std::string name;
+  Seed seed;
+  const Loader* loader;
+  HRESULT expected;     // for the seed itself
+  bool strict = false;  // whether the seed is read from a stream that refuses short reads
+};
 
-// ---- Seeds: records the library writes, with the offsets of their 32-bit counts
-
-template <class Save>
-Bytes Saved(Save save) {
-  ComRef<IStream> stream(xktest::NewMemoryStream());
-  EXPECT_HR(S_OK, save(stream.get()));
-  return xktest::ContentOf(stream.get());
+Seed Counted(ULONG count, const Bytes& rest = {}) {
+  return {Concat(LittleEndian32(count), rest), {0}};
 }
+Seed Header(VARTYPE vt) { return {Concat({BYTE(vt), BYTE(vt >> 8)}, Bytes(14, 0xCC)), {}}; }
 
 // Records as the registry store keeps them: saved through a stream on a
 // store over the test's own key, read back from the value its flush wrote.
@@ -76,89 +68,6 @@ Bytes KeptInTheRegistry(Save save) {
   value.resize(cb);
   return value;
 }
-
-Seed BstrSeed(const char* bytes, UINT length) {
-  BSTR text = bytes ? SysAllocStringByteLen(bytes, length) : nullptr;
-  Seed seed{Saved([&](IStream* s) { return BSTR_SaveToStream(s, text); }), {0}};
-  SysFreeString(text);
-  return seed;
-}
-
-// A value of each supported type, a BSTR, an object, and each of those by reference.
-VARIANT Value(VARTYPE vt, BSTR* text, PersistentNumber** number, LONGLONG* bits) {
-  VARIANT value = {};
-  value.vt = vt;
-  value.llVal = *bits;
-  const VARTYPE type = vt & ~VT_BYREF;
-  if (type == VT_BSTR) value.bstrVal = *text;
-  if (type == VT_UNKNOWN || type == VT_DISPATCH) value.punkVal = *number;
-  if (vt & VT_BYREF)
-    value.byref = type == VT_BSTR                             ? static_cast<void*>(text)
-                  : type == VT_UNKNOWN || type == VT_DISPATCH ? static_cast<void*>(number)
-                                                              : static_cast<void*>(bits);
-  return value;
-}
-
-Seed VariantSeed(VARTYPE vt, LONG number = 0x01020304, bool nullObject = false) {
-  BSTR text = SysAllocString(L"abc");
-  PersistentNumber* object = nullObject ? nullptr : new PersistentNumber(number, true);
-  LONGLONG bits = 0x0102030405060708;
-  const VARIANT value = Value(vt, &text, &object, &bits);
-  Seed seed{Saved([&](IStream* s) { return VARIANT_SaveToStream(s, &value); }), {}};
-  if ((vt & ~VT_BYREF) == VT_BSTR) seed.counts.push_back(16);
-  SysFreeString(text);
-  if (object) object->Release();
-  return seed;
-}
-
-Seed PropertySeed(const wchar_t* name, VARTYPE vt) {
-  VARIANT value;
-  VariantInit(&value);
-  if (vt == VT_BSTR) VARIANT_InitBSTRW(&value, L"abc");
-  if (vt == VT_I4) VARIANT_InitI4(&value, 7);
-  Seed seed{Saved([&](IStream* s) { return Property_SaveToStream(s, name, &value); }), {0}};
-  VariantClear(&value);
-  if (vt == VT_BSTR) seed.counts.push_back(4 + seed.bytes[0] + 16);
-  return seed;
-}
-
-// The bag's own data: the header (version 1, the count), then its records.
-Seed BagData() {
-  Seed header{Concat(Concat({1, 0, 0, 0}, xktest::LittleEndian32(2)), Bytes(8, 0)), {4}};
-  return Cat(Cat(header, PropertySeed(L"abc", VT_I4)), PropertySeed(L"n", VT_BSTR));
-}
-
-Seed ObjectSeed(const CLSID& clsid, const Seed& data) {
-  const auto* id = reinterpret_cast<const unsigned char*>(&clsid);
-  return Cat({Bytes(id, id + sizeof clsid), {}}, data);
-}
-
-// ---- Loaders and rows
-
-struct Loader {
-  const char* name;
-  HRESULT (*load)(IStream*);
-  bool guarded;  // a failure puts the stream back where it was
-};
-const Loader kBstr{"BSTR", xktest::LoadBstr, true}, kOle{"OLE string", xktest::LoadOleString, true},
-    kVariant{"VARIANT", xktest::LoadVariant, true},
-    kProperty{"property", xktest::LoadProperty, true}, kArray{"SAFEARRAY", xktest::LoadArray, true},
-    kInitNumber{"init object", xktest::InitNumber, true},
-    kInitBag{"init bag", xktest::InitBag, true}, kLoadBag{"load bag", xktest::LoadBag, false},
-    kBagLoad{"bag's Load", xktest::LoadIntoBag, false};
-
-struct Row {
-  std::string name;
-  Seed seed;
-  const Loader* loader;
-  HRESULT expected;     // for the seed itself
-  bool strict = false;  // whether the seed is read from a stream that refuses short reads
-};
-
-Seed Counted(ULONG count, const Bytes& rest = {}) {
-  return {Concat(LittleEndian32(count), rest), {0}};
-}
-Seed Header(VARTYPE vt) { return {Concat({BYTE(vt), BYTE(vt >> 8)}, Bytes(14, 0xCC)), {}}; }
 
 // A BSTR VARIANT and a property, as one value of the registry.
 Seed RegistrySeed() {
@@ -271,6 +180,7 @@ std::string RunCase(const Row& row, const Bytes& mutant, bool strict, HRESULT ex
   xktest::SeekTo(stream.Inner(), kPrefix.size());
   const ULONGLONG start = kPrefix.size(), end = start + mutant.size();
   xktest::MallocSpy spy;
+  xktest::AllocationFailure globals;  // counts the library's global blocks; fails nothing
   const bool unloadable = DllCanUnloadNow() == S_OK;  // one leak is reported once
   const HRESULT hr = row.loader->load(&stream);
   const ULONGLONG position = stream.Position();
@@ -283,6 +193,8 @@ std::string RunCase(const Row& row, const Bytes& mutant, bool strict, HRESULT ex
   for (SIZE_T request : spy.AllocRequests())
     if (request > kMostReserved) wrong += " asked for " + std::to_string(request) + ";";
   if (spy.Outstanding()) wrong += " leaked " + std::to_string(spy.Outstanding()) + " blocks;";
+  if (globals.LiveGlobalBlocks())
+    wrong += " left " + std::to_string(globals.LiveGlobalBlocks()) + " global blocks;";
   if (long& live = PersistentNumber::Live()) {
     wrong += " left " + std::to_string(live) + " objects;";
     live = 0;
@@ -324,25 +236,16 @@ class LoaderFuzz : public xktest::ComTest<COINIT_MULTITHREADED> {
  protected:
   void SetUp() override {
     ComTest::SetUp();
-    Register(kNumberClass, &g_numberFactory);
-    for (const CLSID* clsid : {&CLSID_QvPropertyBag, &CLSID_QvPropertyBag_ST}) {
-      ComRef<IUnknown> factory;
-      DllGetClassObject(*clsid, IID_IUnknown, reinterpret_cast<void**>(factory.put()));
-      Register(*clsid, factory.get());
-    }
+    m_classes.emplace();
   }
   void TearDown() override {
-    for (DWORD cookie : m_cookies) CoRevokeClassObject(cookie);
+    m_classes.reset();
     EXPECT_EQ(0, PersistentNumber::Live());
     ComTest::TearDown();
   }
-  void Register(REFCLSID clsid, IUnknown* factory) {
-    ASSERT_HR(S_OK, CoRegisterClassObject(clsid, factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
-                                          &m_cookies.emplace_back()));
-  }
 
  private:
-  std::vector<DWORD> m_cookies;
+  std::optional<xktest::LoaderClasses> m_classes;
 };
 
 TEST_F(LoaderFuzz, AVariantObjectRoundTripsThroughItsRegisteredClass) {

@@ -7,11 +7,15 @@
 #include <objidl.h>
 #include <oleauto.h>
 #include <xkcombsd/Identifiers.h>
+#include <xkcombsd/Module.h>
 #include <xkcombsd/Persist.h>
 #include <xkcombsd/PropertyBag.h>
 
 #include <cstring>
+#include <vector>
 
+#include "HResult.h"
+#include "Mutations.h"
 #include "TestStreams.h"
 
 namespace xktest {
@@ -154,5 +158,111 @@ inline HRESULT LoadIntoBag(IStream* s) {
   ComRef<IPersistStream> bag;
   return (*NewBag(&bag))->Load(s);
 }
+
+// ---- Seeds: records the library writes, with the offsets of their 32-bit counts
+
+template <class Save>
+inline Bytes Saved(Save save) {
+  ComRef<IStream> stream(xktest::NewMemoryStream());
+  EXPECT_HR(S_OK, save(stream.get()));
+  return xktest::ContentOf(stream.get());
+}
+
+inline Seed BstrSeed(const char* bytes, UINT length) {
+  BSTR text = bytes ? SysAllocStringByteLen(bytes, length) : nullptr;
+  Seed seed{Saved([&](IStream* s) { return BSTR_SaveToStream(s, text); }), {0}};
+  SysFreeString(text);
+  return seed;
+}
+
+// A value of each supported type, a BSTR, an object, and each of those by reference.
+inline VARIANT Value(VARTYPE vt, BSTR* text, PersistentNumber** number, LONGLONG* bits) {
+  VARIANT value = {};
+  value.vt = vt;
+  value.llVal = *bits;
+  const VARTYPE type = vt & ~VT_BYREF;
+  if (type == VT_BSTR) value.bstrVal = *text;
+  if (type == VT_UNKNOWN || type == VT_DISPATCH) value.punkVal = *number;
+  if (vt & VT_BYREF)
+    value.byref = type == VT_BSTR                             ? static_cast<void*>(text)
+                  : type == VT_UNKNOWN || type == VT_DISPATCH ? static_cast<void*>(number)
+                                                              : static_cast<void*>(bits);
+  return value;
+}
+
+inline Seed VariantSeed(VARTYPE vt, LONG number = 0x01020304, bool nullObject = false) {
+  BSTR text = SysAllocString(L"abc");
+  PersistentNumber* object = nullObject ? nullptr : new PersistentNumber(number, true);
+  LONGLONG bits = 0x0102030405060708;
+  const VARIANT value = Value(vt, &text, &object, &bits);
+  Seed seed{Saved([&](IStream* s) { return VARIANT_SaveToStream(s, &value); }), {}};
+  if ((vt & ~VT_BYREF) == VT_BSTR) seed.counts.push_back(16);
+  SysFreeString(text);
+  if (object) object->Release();
+  return seed;
+}
+
+inline Seed PropertySeed(const wchar_t* name, VARTYPE vt) {
+  VARIANT value;
+  VariantInit(&value);
+  if (vt == VT_BSTR) VARIANT_InitBSTRW(&value, L"abc");
+  if (vt == VT_I4) VARIANT_InitI4(&value, 7);
+  Seed seed{Saved([&](IStream* s) { return Property_SaveToStream(s, name, &value); }), {0}};
+  VariantClear(&value);
+  if (vt == VT_BSTR) seed.counts.push_back(4 + seed.bytes[0] + 16);
+  return seed;
+}
+
+// The bag's own data: the header (version 1, the count), then its records.
+inline Seed BagData() {
+  Seed header{Concat(Concat({1, 0, 0, 0}, xktest::LittleEndian32(2)), Bytes(8, 0)), {4}};
+  return Cat(Cat(header, PropertySeed(L"abc", VT_I4)), PropertySeed(L"n", VT_BSTR));
+}
+
+inline Seed ObjectSeed(const CLSID& clsid, const Seed& data) {
+  const auto* id = reinterpret_cast<const unsigned char*>(&clsid);
+  return Cat({Bytes(id, id + sizeof clsid), {}}, data);
+}
+
+// ---- The loaders, by name
+
+struct Loader {
+  const char* name;
+  HRESULT (*load)(IStream*);
+  bool guarded;  // a failure puts the stream back where it was
+};
+inline const Loader kBstr{"BSTR", xktest::LoadBstr, true},
+    kOle{"OLE string", xktest::LoadOleString, true}, kVariant{"VARIANT", xktest::LoadVariant, true},
+    kProperty{"property", xktest::LoadProperty, true}, kArray{"SAFEARRAY", xktest::LoadArray, true},
+    kInitNumber{"init object", xktest::InitNumber, true},
+    kInitBag{"init bag", xktest::InitBag, true}, kLoadBag{"load bag", xktest::LoadBag, false},
+    kBagLoad{"bag's Load", xktest::LoadIntoBag, false};
+
+// The number's class and both bag classes, registered while one lives, so that
+// records naming them load.
+class LoaderClasses {
+ public:
+  LoaderClasses() {
+    static NumberFactory numberFactory;
+    Register(kNumberClass, &numberFactory);
+    for (const CLSID* clsid : {&CLSID_QvPropertyBag, &CLSID_QvPropertyBag_ST}) {
+      ComRef<IUnknown> factory;
+      DllGetClassObject(*clsid, IID_IUnknown, reinterpret_cast<void**>(factory.put()));
+      Register(*clsid, factory.get());
+    }
+  }
+  ~LoaderClasses() {
+    for (DWORD cookie : m_cookies) CoRevokeClassObject(cookie);
+  }
+  LoaderClasses(const LoaderClasses&) = delete;
+  LoaderClasses& operator=(const LoaderClasses&) = delete;
+
+ private:
+  void Register(REFCLSID clsid, IUnknown* factory) {
+    EXPECT_HR(S_OK, CoRegisterClassObject(clsid, factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE,
+                                          &m_cookies.emplace_back()));
+  }
+  std::vector<DWORD> m_cookies;
+};
 
 }  // namespace xktest

@@ -1,12 +1,30 @@
 #include "MallocSpy.h"
 
+#include <atomic>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <tuple>
+#include <vector>
 
 namespace xktest {
 
 namespace {
+
+// What is refused, on one count for every source.
+std::atomic<bool> g_refuseTask{false};
+std::atomic<unsigned long> g_failAt{AllocationFailure::kNone};
+std::atomic<unsigned long> g_counted{0};
+std::atomic<bool> g_injected{false};
+std::atomic<long> g_liveGlobal{0};
+
+bool Refused(bool task) {
+  if (task && g_refuseTask) return true;
+  const unsigned long at = g_failAt;
+  if (at == AllocationFailure::kNone || ++g_counted != at) return false;
+  g_injected = true;
+  return true;
+}
 
 struct Request {
   bool realloc;
@@ -59,16 +77,11 @@ class ProcessSpy : public IMallocSpy {
   STDMETHODIMP_(ULONG) AddRef() override { return 2; }
   STDMETHODIMP_(ULONG) Release() override { return 1; }
 
-  void SetRefusing(bool refusing) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_refusing = refusing;
-  }
-
   // A size of 0 from PreAlloc or PreRealloc makes the allocator fail the request.
   STDMETHODIMP_(SIZE_T) PreAlloc(SIZE_T cbRequest) override {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.push_back({false, cbRequest});
-    return m_refusing ? 0 : cbRequest;
+    return cbRequest != 0 && Refused(true) ? 0 : cbRequest;
   }
   STDMETHODIMP_(void*) PostAlloc(void* pActual) override {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -86,7 +99,7 @@ class ProcessSpy : public IMallocSpy {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_requests.push_back({true, cbRequest});
     *ppNewRequest = pRequest;
-    if (m_refusing && cbRequest != 0) return 0;  // the block stays where it was
+    if (cbRequest != 0 && Refused(true)) return 0;  // the block stays where it was
     m_reallocSource = pRequest;
     // Resizing to 0 frees; not every allocator reports back after it.
     if (cbRequest == 0) m_blocks.erase(pRequest);
@@ -109,7 +122,6 @@ class ProcessSpy : public IMallocSpy {
  private:
   std::mutex m_mutex;
   bool m_registered = false;
-  bool m_refusing = false;                  // (m_mutex)
   std::map<void*, std::uint64_t> m_blocks;  // (m_mutex) live block -> serial
   std::uint64_t m_nextBlock = 0;            // (m_mutex)
   std::vector<Request> m_requests;          // (m_mutex)
@@ -136,7 +148,111 @@ std::vector<SIZE_T> MallocSpy::ReallocRequests() const {
 
 void MallocSpy::ClearRequests() { m_requestStart = ProcessSpy::Instance().NextSerials().second; }
 
-TaskAllocatorRefusal::TaskAllocatorRefusal() { ProcessSpy::Instance().SetRefusing(true); }
-TaskAllocatorRefusal::~TaskAllocatorRefusal() { ProcessSpy::Instance().SetRefusing(false); }
+TaskAllocatorRefusal::TaskAllocatorRefusal() {
+  ProcessSpy::Instance();
+  g_refuseTask = true;
+}
+TaskAllocatorRefusal::~TaskAllocatorRefusal() { g_refuseTask = false; }
+
+// ---- The library's own memory, through its import slots
+
+namespace {
+
+HGLOBAL WINAPI CountedGlobalAlloc(UINT flags, SIZE_T bytes) {
+  HGLOBAL block = Refused(false) ? NULL : GlobalAlloc(flags, bytes);
+  if (block) ++g_liveGlobal;
+  return block;
+}
+HGLOBAL WINAPI CountedGlobalReAlloc(HGLOBAL block, SIZE_T bytes, UINT flags) {
+  return !(flags & GMEM_MODIFY) && Refused(false) ? NULL : GlobalReAlloc(block, bytes, flags);
+}
+HGLOBAL WINAPI CountedGlobalFree(HGLOBAL block) {
+  HGLOBAL left = GlobalFree(block);
+  if (block && !left) --g_liveGlobal;
+  return left;
+}
+HANDLE WINAPI CountedHeapCreate(DWORD flags, SIZE_T initial, SIZE_T most) {
+  return Refused(false) ? NULL : HeapCreate(flags, initial, most);
+}
+LPVOID WINAPI CountedHeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
+  return Refused(false) ? NULL : HeapAlloc(heap, flags, bytes);
+}
+LPVOID WINAPI CountedHeapReAlloc(HANDLE heap, DWORD flags, LPVOID block, SIZE_T bytes) {
+  return Refused(false) ? NULL : HeapReAlloc(heap, flags, block, bytes);
+}
+
+const struct {
+  const char* name;
+  void* wrapper;
+} kWrappers[] = {
+    {"GlobalAlloc", reinterpret_cast<void*>(CountedGlobalAlloc)},
+    {"GlobalReAlloc", reinterpret_cast<void*>(CountedGlobalReAlloc)},
+    {"GlobalFree", reinterpret_cast<void*>(CountedGlobalFree)},
+    {"HeapCreate", reinterpret_cast<void*>(CountedHeapCreate)},
+    {"HeapAlloc", reinterpret_cast<void*>(CountedHeapAlloc)},
+    {"HeapReAlloc", reinterpret_cast<void*>(CountedHeapReAlloc)},
+};
+
+// The module's import slot for KERNEL32's function of that name, or null.
+void** ImportSlot(HMODULE module, const char* name) {
+  auto* base = reinterpret_cast<BYTE*>(module);
+  const auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(
+      base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  const auto& imports = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  auto* from = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress);
+  for (; imports.VirtualAddress && from->Name; ++from) {
+    if (lstrcmpiA(reinterpret_cast<char*>(base + from->Name), "KERNEL32.dll") ||
+        !from->OriginalFirstThunk)
+      continue;
+    auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + from->OriginalFirstThunk);
+    auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + from->FirstThunk);
+    for (; names->u1.AddressOfData; ++names, ++slots)
+      if (!IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) &&
+          !std::strcmp(
+              reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name, name))
+        return reinterpret_cast<void**>(&slots->u1.Function);
+  }
+  return nullptr;
+}
+
+void* Swap(void** slot, void* with) {
+  DWORD was;
+  VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &was);
+  void* before = *slot;
+  *slot = with;
+  VirtualProtect(slot, sizeof *slot, was, &was);
+  return before;
+}
+
+std::vector<std::pair<void**, void*>> g_swapped;  // slot -> the function it held
+
+}  // namespace
+
+AllocationFailure::AllocationFailure() {
+  ProcessSpy::Instance();
+  g_liveGlobal = 0;
+  g_injected = false;
+  if (HMODULE library = GetModuleHandleW(L"XKComBsD.dll"))
+    for (const auto& wrapper : kWrappers)
+      if (void** slot = ImportSlot(library, wrapper.name))
+        g_swapped.emplace_back(slot, Swap(slot, wrapper.wrapper));
+}
+
+AllocationFailure::~AllocationFailure() {
+  Arm(kNone);
+  for (const auto& swapped : g_swapped) Swap(swapped.first, swapped.second);
+  g_swapped.clear();
+}
+
+void AllocationFailure::Arm(unsigned long nth) {
+  g_failAt = kNone;
+  g_counted = 0;
+  if (nth != kNone) g_injected = false;
+  g_failAt = nth;
+}
+
+bool AllocationFailure::Injected() const { return g_injected; }
+
+long AllocationFailure::LiveGlobalBlocks() const { return g_liveGlobal; }
 
 }  // namespace xktest

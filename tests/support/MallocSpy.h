@@ -51,4 +51,24 @@ class TaskAllocatorRefusal {
   TaskAllocatorRefusal& operator=(const TaskAllocatorRefusal&) = delete;
 };
 
+// While one lives, every allocation is counted on one count: the task
+// allocator's (as the refusal above sees them) and the global, heap and private
+// heap memory XKComBsD.dll itself asks KERNEL32 for, which is seen by swapping
+// the DLL's import slots for counting wrappers. Once armed with n, the nth
+// allocation from then on fails, as when memory has just run out, and later
+// ones succeed again. Only one may live at a time.
+class AllocationFailure {
+ public:
+  static constexpr unsigned long kNone = 0;
+  AllocationFailure();
+  ~AllocationFailure();
+  AllocationFailure(const AllocationFailure&) = delete;
+  AllocationFailure& operator=(const AllocationFailure&) = delete;
+
+  void Arm(unsigned long nth);  // kNone disarms
+  bool Injected() const;        // whether an armed failure has come
+  // The library's GlobalAlloc blocks made while this lived, less those freed.
+  long LiveGlobalBlocks() const;
+};
+
 }  // namespace xktest
