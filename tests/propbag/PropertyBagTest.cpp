@@ -1,20 +1,20 @@
 // Both property-bag classes through one typed suite; the free-threaded one
-// under several threads; the whole-bag stream functions.
+// under eight threads; the whole-bag stream functions.
 #include <gmock/gmock.h>
 #include <xkcombsd/Collections.h>
 #include <xkcombsd/Module.h>
 #include <xkcombsd/PropertyBag.h>
 
 #include <algorithm>
-#include <atomic>
 #include <functional>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ComTest.h"
 #include "DebugOutput.h"
 #include "HResult.h"
+#include "StressHarness.h"
 #include "TestStreams.h"
 
 extern "C" HRESULT ItemThroughC(IPropertyBagEdit*, LPWSTR, VARIANT*);
@@ -356,31 +356,70 @@ TEST_F(BagFixture, WholeBagsLoadAndSaveAsObjectRecords) {
   EXPECT_EQ(1, count) << "records before the bad one stay";
 }
 
-TEST_F(BagFixture, TheFreeThreadedBagKeepsExactCountsUnderSeveralThreads) {
+// The names a bag lists, or {L"?"} when listing fails; the list is released to 0.
+std::set<std::wstring> NamesIn(IPropertyBagEdit* bag) {
+  IEnumString* list = nullptr;
+  if (bag->_NewEnum(&list) != S_OK) return {L"?"};
+  std::set<std::wstring> names;
+  for (LPOLESTR name = nullptr; list->Next(1, &name, nullptr) == S_OK; CoTaskMemFree(name))
+    names.insert(name);
+  if (list->Release() != 0) names.insert(L"?");
+  return names;
+}
+
+// Eight threads write, read, remove and list names of their own ("thread.key"),
+// each keeping a tally of what its names hold: every read and every list agrees
+// with the reader's tally, and the bag ends holding exactly the tallies.
+TEST_F(BagFixture, TheFreeThreadedBagHoldsExactlyWhatEightThreadsLeftInIt) {
   RegisterClasses();
   ComRef<IPropertyBagEdit> bag(NewBag(CLSID_QvPropertyBag));
-  constexpr int kThreads = 4, kNames = 50;
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&, t] {
-      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-      VARIANT v = I4(t), read;
-      for (int i = 0; i < kNames; ++i) {
-        std::wstring name = std::to_wstring(t) + L"." + std::to_wstring(i);
-        ComRef<IEnumString> names;
-        failures += bag->Add(name.data(), &v) != S_OK;
-        failures += bag->Item(name.data(), &read) != S_OK || V_I4(&read) != t;
-        failures += i % 2 && bag->Remove(name.data()) != S_OK;
-        failures += i % 10 == 0 && bag->_NewEnum(names.put()) != S_OK;
-      }
-      CoUninitialize();
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(0, failures.load());
-  LONG count = 0;
-  bag->Count(&count);
-  EXPECT_EQ(kThreads * kNames / 2, count);
+  ComRef<IPropertyBag> plain;
+  ASSERT_HR(S_OK, bag->QueryInterface(IID_IPropertyBag, Out(plain)));
+  constexpr int kKeys = 12, kSteps = 3000;
+  LONG tally[xktest::kStressThreads][kKeys] = {};  // 0: absent
+  auto name = [](int t, int key) { return std::to_wstring(t) + L"." + std::to_wstring(key); };
+  auto tallied = [&](int t, std::set<std::wstring>& into) {
+    for (int key = 0; key < kKeys; ++key)
+      if (tally[t][key]) into.insert(name(t, key));
+  };
+  const long failures = xktest::RunStress(kSteps, [&](xktest::StressThread& t, int n) {
+    const int key = int(t.Next(kKeys));
+    std::wstring mine = name(t.index, key);
+    LONG& held = tally[t.index][key];
+    VARIANT value = I4(t.index * 100000 + n + 1), read;
+    VariantInit(&read);
+    switch (t.Next(6)) {
+      case 0:
+      case 1:
+        return t.Check(plain->Write(mine.c_str(), &value) == S_OK), void(held = V_I4(&value));
+      case 2:
+        return t.Check(bag->Remove(mine.data()) == (held ? S_OK : E_FAIL)), void(held = 0);
+      case 3:
+      case 4:
+        return t.Check(held ? bag->Item(mine.data(), &read) == S_OK && V_I4(&read) == held
+                            : FAILED(bag->Item(mine.data(), &read)));
+      default:
+        std::set<std::wstring> listed = NamesIn(bag.get()), own, expected;
+        for (const std::wstring& listedName : listed)
+          if (listedName.rfind(std::to_wstring(t.index) + L".", 0) == 0) own.insert(listedName);
+        tallied(t.index, expected);
+        return t.Check(own == expected);
+    }
+  });
+  EXPECT_EQ(0, failures);
+  std::set<std::wstring> expected;
+  for (int t = 0; t < xktest::kStressThreads; ++t) tallied(t, expected);
+  LONG count = -1;
+  EXPECT_HR(S_OK, bag->Count(&count));
+  EXPECT_EQ(LONG(expected.size()), count);
+  EXPECT_EQ(expected, NamesIn(bag.get()));
+  for (int t = 0; t < xktest::kStressThreads; ++t)
+    for (int key = 0; key < kKeys; ++key) {
+      VARIANT read;
+      VariantInit(&read);
+      if (tally[t][key]) EXPECT_HR(S_OK, bag->Item(name(t, key).data(), &read));
+      EXPECT_EQ(tally[t][key], V_I4(&read)) << "the last value written";
+    }
 }
 
 }  // namespace
