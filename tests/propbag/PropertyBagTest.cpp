@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -368,58 +369,54 @@ std::set<std::wstring> NamesIn(IPropertyBagEdit* bag) {
 }
 
 // Eight threads write, read, remove and list names of their own ("thread.key"),
-// each keeping a tally of what its names hold: every read and every list agrees
-// with the reader's tally, and the bag ends holding exactly the tallies.
+// each keeping what its names hold: every read and every list agrees with the
+// reader's own record, and the bag ends holding exactly what the threads kept.
 TEST_F(BagFixture, TheFreeThreadedBagHoldsExactlyWhatEightThreadsLeftInIt) {
   RegisterClasses();
   ComRef<IPropertyBagEdit> bag(NewBag(CLSID_QvPropertyBag));
   ComRef<IPropertyBag> plain;
   ASSERT_HR(S_OK, bag->QueryInterface(IID_IPropertyBag, Out(plain)));
-  constexpr int kKeys = 12, kSteps = 3000;
-  LONG tally[xktest::kStressThreads][kKeys] = {};  // 0: absent
-  auto name = [](int t, int key) { return std::to_wstring(t) + L"." + std::to_wstring(key); };
-  auto tallied = [&](int t, std::set<std::wstring>& into) {
-    for (int key = 0; key < kKeys; ++key)
-      if (tally[t][key]) into.insert(name(t, key));
-  };
-  const long failures = xktest::RunStress(kSteps, [&](xktest::StressThread& t, int n) {
-    const int key = int(t.Next(kKeys));
-    std::wstring mine = name(t.index, key);
-    LONG& held = tally[t.index][key];
-    VARIANT value = I4(t.index * 100000 + n + 1), read;
+  std::map<std::wstring, LONG> kept[xktest::kStressThreads];
+  const long failures = xktest::RunStress(3000, [&](xktest::StressThread& t, int n) {
+    auto& mine = kept[t.index];
+    const std::wstring prefix = std::to_wstring(t.index) + L".";
+    std::wstring name = prefix + std::to_wstring(t.Next(12));
+    const auto held = mine.find(name);
+    VARIANT value = I4(t.index * 100000 + n), read;
     VariantInit(&read);
     switch (t.Next(6)) {
       case 0:
       case 1:
-        return t.Check(plain->Write(mine.c_str(), &value) == S_OK), void(held = V_I4(&value));
+        return t.Check(plain->Write(name.c_str(), &value) == S_OK), void(mine[name] = V_I4(&value));
       case 2:
-        return t.Check(bag->Remove(mine.data()) == (held ? S_OK : E_FAIL)), void(held = 0);
+        return t.Check(bag->Remove(name.data()) == (held != mine.end() ? S_OK : E_FAIL)),
+               void(mine.erase(name));
       case 3:
       case 4:
-        return t.Check(held ? bag->Item(mine.data(), &read) == S_OK && V_I4(&read) == held
-                            : FAILED(bag->Item(mine.data(), &read)));
+        return t.Check(held != mine.end()
+                           ? bag->Item(name.data(), &read) == S_OK && V_I4(&read) == held->second
+                           : FAILED(bag->Item(name.data(), &read)));
       default:
-        std::set<std::wstring> listed = NamesIn(bag.get()), own, expected;
-        for (const std::wstring& listedName : listed)
-          if (listedName.rfind(std::to_wstring(t.index) + L".", 0) == 0) own.insert(listedName);
-        tallied(t.index, expected);
-        return t.Check(own == expected);
+        size_t prefixed = 0, matched = 0;
+        for (const std::wstring& listed : NamesIn(bag.get()))
+          if (listed.rfind(prefix, 0) == 0) ++prefixed, matched += mine.count(listed);
+        return t.Check(prefixed == mine.size() && matched == prefixed);
     }
   });
   EXPECT_EQ(0, failures);
-  std::set<std::wstring> expected;
-  for (int t = 0; t < xktest::kStressThreads; ++t) tallied(t, expected);
-  LONG count = -1;
-  EXPECT_HR(S_OK, bag->Count(&count));
-  EXPECT_EQ(LONG(expected.size()), count);
-  EXPECT_EQ(expected, NamesIn(bag.get()));
-  for (int t = 0; t < xktest::kStressThreads; ++t)
-    for (int key = 0; key < kKeys; ++key) {
+  std::set<std::wstring> names;
+  for (const auto& mine : kept)
+    for (const auto& [name, value] : mine) {
       VARIANT read;
       VariantInit(&read);
-      if (tally[t][key]) EXPECT_HR(S_OK, bag->Item(name(t, key).data(), &read));
-      EXPECT_EQ(tally[t][key], V_I4(&read)) << "the last value written";
+      EXPECT_HR(S_OK, bag->Item(const_cast<LPWSTR>(name.c_str()), &read));
+      EXPECT_EQ(value, V_I4(&read)) << "the last value written";
+      names.insert(name);
     }
+  EXPECT_EQ(names, NamesIn(bag.get()));
+  LONG count = -1;
+  EXPECT_HR(S_OK, bag->Count(&count));
+  EXPECT_EQ(LONG(names.size()), count);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // store, write their own records at their own offsets and read each other's,
 // committing now and then: every record read is either not written yet or
 // whole, and the store ends holding exactly every record (the registry key too).
+#include <xkcombsd/Module.h>
+
 #include "RegistryProbe.h"
 #include "StoreTestSupport.h"
 #include "StressHarness.h"
@@ -105,6 +107,7 @@ TEST_F(StoreStressTest, ClonesOfOneLockedStreamWriteTheirOwnRecordsAndReadWholeO
   EXPECT_EQ(0, RegGetValueA(HKEY_CURRENT_USER, kKey, nullptr, RRF_RT_REG_BINARY, nullptr,
                             value.data(), &cb));
   EXPECT_TRUE(cb == 2 * size && value == twice) << "the registry holds every record";
+  EXPECT_HR(S_OK, DllCanUnloadNow());
 }
 
 }  // namespace
