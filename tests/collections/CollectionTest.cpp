@@ -1,17 +1,16 @@
 // The collection-and-enumerator contract, run over all five element kinds:
 // every call at its edges as one table row, then the shared position,
 // one identity, independent clones, growth as the task allocator sees it,
-// the creators, the traces; then a C client, several threads, and the classes
+// the creators, the traces; then a C client, eight threads, and the classes
 // made by ProgID.
-#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "DebugOutput.h"
 #include "Kinds.h"
+#include "StressHarness.h"
 
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -285,39 +284,65 @@ TEST_F(BstrTest, CClientsReachEveryMethodThroughTheVtable) {
   EXPECT_EQ(0u, e->Release());
 }
 
-constexpr int kThreads = 4;
-constexpr int kRounds = 300;
+// Eight threads on one object holding items 0-7 ahead of copies of item kX:
+// they add, insert, replace and remove copies behind the fixed items (a thread
+// removes only what it added, so one is always there), fetch from the shared
+// enumerator and walk clones of their own. Every walk finds the fixed items
+// and then copies of kX, whole; the count ends where each thread's own tally says.
+constexpr int kFixed = 8, kX = 9, kSteps = 3000;
 
-// Several threads on one collection: every operation holds the object's lock, so
-// the count afterwards is exactly what they imply. Each thread appends one element
-// a round and removes one every other round, so every removal finds an element.
-void Work(ISeqVARIANT* seq, const VARIANT* item, std::atomic<int>* failures) {
-  IEnumVARIANT* shared = nullptr;
-  if (seq->_NewEnum(&shared) != S_OK) return void(++*failures);
-  for (int round = 0; round < kRounds; ++round) {
-    if (seq->Add(item, 1) != S_OK) ++*failures;
-    if (round % 2 == 1 && seq->RemoveAt(0) != S_OK) ++*failures;
-    VARIANT fetched[3];
+TYPED_TEST(CollectionTest, EightThreadsLeaveExactlyTheElementsTheirTalliesImply) {
+  using Element = typename TypeParam::Element;
+  auto* e = this->Make(kFixed);
+  auto* seq = this->SeqOf(e);
+  const auto* x = this->m_items + kX;
+  auto walk = [&](typename TypeParam::Enum* from) {  // the count, or -1 for a wrong element
+    long count = 0, wrong = from->Reset() != S_OK;
+    Element got[16];
+    for (ULONG n = 16; n == 16; count += n) {
+      n = 0;
+      wrong += FAILED(from->Next(16, got, &n));
+      for (ULONG i = 0; i < n; ++i) {
+        const int item = count + i < kFixed ? int(count + i) : kX;
+        wrong += !TypeParam::Copies(got[i], this->m_items[item]);
+        TypeParam::FreeCopy(got[i]);
+      }
+    }
+    return wrong ? -1 : count;
+  };
+  long tally[xktest::kStressThreads] = {};
+  const long failures = xktest::RunStress(kSteps, [&](xktest::StressThread& t, int) {
+    long& mine = tally[t.index];
+    typename TypeParam::Enum* clone = nullptr;
+    Element got[3];
     ULONG n = 0;
-    if (FAILED(shared->Next(3, fetched, &n))) ++*failures;
-    for (ULONG i = 0; i < n; ++i) VariantClear(&fetched[i]);
-    if (round % 16 == 0) shared->Reset();
-  }
-  shared->Release();
-}
-
-using CollectionStressTest = CollectionTest<xktest::VariantKind>;
-
-TEST_F(CollectionStressTest, ThreadsAddingRemovingAndEnumeratingAgreeOnTheCount) {
-  auto* e = Make(0);
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) threads.emplace_back(Work, SeqOf(e), m_items, &failures);
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(0, failures.load());
-  long count = -1;
-  EXPECT_HR(S_OK, SeqOf(e)->Count(&count));
-  EXPECT_EQ(kThreads * (kRounds - kRounds / 2), count);
+    switch (t.Next(8)) {
+      case 0:
+        return t.Check(seq->Add(x, 1) == S_OK), void(++mine);
+      case 1:
+        return t.Check(seq->InsertAt(kFixed, x, 1) == S_OK), void(++mine);
+      case 2:
+      case 3:
+      case 4:
+        return mine ? t.Check(seq->RemoveAt(kFixed) == S_OK), void(--mine) : void();
+      case 5:
+        return t.Check(!mine || seq->SetAt(kFixed, x) == S_OK);
+      case 6:
+        t.Check(SUCCEEDED(e->Next(3, got, &n)));
+        for (int index : this->Indices(got, n))
+          t.Check(index == kX || (index >= 0 && index < kFixed));
+        return void(n < 3 && e->Reset());
+      default:
+        t.Check(e->Clone(&clone) == S_OK && walk(clone) >= kFixed);
+        return t.Check(clone && clone->Release() == 0);
+    }
+  });
+  EXPECT_EQ(0, failures);
+  long expected = kFixed, count = -1;
+  for (long mine : tally) expected += mine;
+  EXPECT_HR(S_OK, seq->Count(&count));
+  EXPECT_EQ(expected, count);
+  EXPECT_EQ(expected, walk(e));
   EXPECT_EQ(0u, e->Release());
 }
 

@@ -1,5 +1,6 @@
 // The library's free-threaded marshaler, aggregated into a counting fake, and
-// its unmarshaler, both made through their class objects; CreateFTM.
+// its unmarshaler, both made through their class objects, also from eight
+// threads at once; CreateFTM.
 #include <gmock/gmock.h>
 #include <xkcombsd/Marshal.h>
 #include <xkcombsd/Module.h>
@@ -10,6 +11,7 @@
 #include "DebugOutput.h"
 #include "FakeUnknown.h"
 #include "HResult.h"
+#include "StressHarness.h"
 #include "TestStreams.h"
 
 namespace {
@@ -120,6 +122,34 @@ TEST_F(FreeThreadedMarshalerTest, InProcessPacketIsThePointerAndIsConsumedOnce) 
     ComRef<IStream> shortPacket(xktest::NewMemoryStream(Bytes(sizeof(void*) - 1, 0xCC)));
     EXPECT_HR(E_FAIL, consume(shortPacket.get())) << "half a pointer is never released";
   }
+}
+
+// Eight threads in the multithreaded apartment marshal the object in process,
+// up to three packets at a time, and each packet is consumed once by one of the
+// three consumers: every unmarshalled pointer is the object, and its count ends
+// where it started, no packet's reference left behind.
+TEST_F(FreeThreadedMarshalerTest, EightThreadsMarshalAndConsumePacketsAndTheCountComesBack) {
+  const long start = outer.refs;
+  ComRef<IStream> streams[xktest::kStressThreads];
+  for (auto& stream : streams) *stream.put() = xktest::NewMemoryStream();
+  const long failures = xktest::RunStress(5000, [&](xktest::StressThread& t, int) {
+    IStream* stream = streams[t.index].get();
+    const unsigned packets = 1 + t.Next(3);
+    xktest::SeekTo(stream, 0);
+    for (unsigned i = 0; i < packets; ++i) t.Check(Marshal(ftm, stream, MSHCTX_INPROC) == S_OK);
+    xktest::SeekTo(stream, 0);
+    for (unsigned i = 0; i < packets; ++i) {
+      void* back = nullptr;
+      const unsigned consumer = t.Next(3);
+      if (consumer == 0)
+        t.Check(ftp->UnmarshalInterface(stream, IID_IUnknown, &back) == S_OK && back == &outer &&
+                static_cast<IUnknown*>(back)->Release() >= 2);
+      else
+        t.Check((consumer == 1 ? ftm : ftp)->ReleaseMarshalData(stream) == S_OK);
+    }
+  });
+  EXPECT_EQ(0, failures);
+  EXPECT_EQ(start, outer.refs) << "every packet's reference given back";
 }
 
 TEST_F(FreeThreadedMarshalerTest, OtherContextsGetTheStandardMarshaler) {

@@ -1,20 +1,21 @@
 // Both property-bag classes through one typed suite; the free-threaded one
-// under several threads; the whole-bag stream functions.
+// under eight threads; the whole-bag stream functions.
 #include <gmock/gmock.h>
 #include <xkcombsd/Collections.h>
 #include <xkcombsd/Module.h>
 #include <xkcombsd/PropertyBag.h>
 
 #include <algorithm>
-#include <atomic>
 #include <functional>
+#include <map>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ComTest.h"
 #include "DebugOutput.h"
 #include "HResult.h"
+#include "StressHarness.h"
 #include "TestStreams.h"
 
 extern "C" HRESULT ItemThroughC(IPropertyBagEdit*, LPWSTR, VARIANT*);
@@ -356,31 +357,66 @@ TEST_F(BagFixture, WholeBagsLoadAndSaveAsObjectRecords) {
   EXPECT_EQ(1, count) << "records before the bad one stay";
 }
 
-TEST_F(BagFixture, TheFreeThreadedBagKeepsExactCountsUnderSeveralThreads) {
+// The names a bag lists, or {L"?"} when listing fails; the list is released to 0.
+std::set<std::wstring> NamesIn(IPropertyBagEdit* bag) {
+  IEnumString* list = nullptr;
+  if (bag->_NewEnum(&list) != S_OK) return {L"?"};
+  std::set<std::wstring> names;
+  for (LPOLESTR name = nullptr; list->Next(1, &name, nullptr) == S_OK; CoTaskMemFree(name))
+    names.insert(name);
+  if (list->Release() != 0) names.insert(L"?");
+  return names;
+}
+
+// Eight threads write, read, remove and list names of their own ("thread.key"),
+// each keeping what its names hold: every read and every list agrees with the
+// reader's own record, and the bag ends holding exactly what the threads kept.
+TEST_F(BagFixture, TheFreeThreadedBagHoldsExactlyWhatEightThreadsLeftInIt) {
   RegisterClasses();
   ComRef<IPropertyBagEdit> bag(NewBag(CLSID_QvPropertyBag));
-  constexpr int kThreads = 4, kNames = 50;
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&, t] {
-      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-      VARIANT v = I4(t), read;
-      for (int i = 0; i < kNames; ++i) {
-        std::wstring name = std::to_wstring(t) + L"." + std::to_wstring(i);
-        ComRef<IEnumString> names;
-        failures += bag->Add(name.data(), &v) != S_OK;
-        failures += bag->Item(name.data(), &read) != S_OK || V_I4(&read) != t;
-        failures += i % 2 && bag->Remove(name.data()) != S_OK;
-        failures += i % 10 == 0 && bag->_NewEnum(names.put()) != S_OK;
-      }
-      CoUninitialize();
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(0, failures.load());
-  LONG count = 0;
-  bag->Count(&count);
-  EXPECT_EQ(kThreads * kNames / 2, count);
+  ComRef<IPropertyBag> plain;
+  ASSERT_HR(S_OK, bag->QueryInterface(IID_IPropertyBag, Out(plain)));
+  std::map<std::wstring, LONG> kept[xktest::kStressThreads];
+  const long failures = xktest::RunStress(3000, [&](xktest::StressThread& t, int n) {
+    auto& mine = kept[t.index];
+    const std::wstring prefix = std::to_wstring(t.index) + L".";
+    std::wstring name = prefix + std::to_wstring(t.Next(12));
+    const auto held = mine.find(name);
+    VARIANT value = I4(t.index * 100000 + n), read;
+    VariantInit(&read);
+    switch (t.Next(6)) {
+      case 0:
+      case 1:
+        return t.Check(plain->Write(name.c_str(), &value) == S_OK), void(mine[name] = V_I4(&value));
+      case 2:
+        return t.Check(bag->Remove(name.data()) == (held != mine.end() ? S_OK : E_FAIL)),
+               void(mine.erase(name));
+      case 3:
+      case 4:
+        return t.Check(held != mine.end()
+                           ? bag->Item(name.data(), &read) == S_OK && V_I4(&read) == held->second
+                           : FAILED(bag->Item(name.data(), &read)));
+      default:
+        size_t prefixed = 0, matched = 0;
+        for (const std::wstring& listed : NamesIn(bag.get()))
+          if (listed.rfind(prefix, 0) == 0) ++prefixed, matched += mine.count(listed);
+        return t.Check(prefixed == mine.size() && matched == prefixed);
+    }
+  });
+  EXPECT_EQ(0, failures);
+  std::set<std::wstring> names;
+  for (const auto& mine : kept)
+    for (const auto& [name, value] : mine) {
+      VARIANT read;
+      VariantInit(&read);
+      EXPECT_HR(S_OK, bag->Item(const_cast<LPWSTR>(name.c_str()), &read));
+      EXPECT_EQ(value, V_I4(&read)) << "the last value written";
+      names.insert(name);
+    }
+  EXPECT_EQ(names, NamesIn(bag.get()));
+  LONG count = -1;
+  EXPECT_HR(S_OK, bag->Count(&count));
+  EXPECT_EQ(LONG(names.size()), count);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <unknwn.h>
+#include <windows.h>
 
 namespace xktest {
 
@@ -21,8 +22,11 @@ class FakeUnknown : public IUnknown {
     *ppv = nullptr;
     return m_refusal;
   }
-  STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++refs); }
-  STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--refs); }
+  // Counted atomically: a shared object is taken and given back from many threads.
+  STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(InterlockedIncrement(&refs)); }
+  STDMETHODIMP_(ULONG) Release() override {
+    return static_cast<ULONG>(InterlockedDecrement(&refs));
+  }
 
   long refs = 1;
   int queries = 0;
