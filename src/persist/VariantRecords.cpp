@@ -114,6 +114,8 @@ extern "C" HRESULT WINAPI VARIANT_SaveToStream(IStream* pstm, const VARIANT* pva
     OutputDebugStringA(kByRefArray);
     return E_INVALIDARG;
   }
+  // A reference to nothing is a missing value; the platform's copy would read through it.
+  if (!V_BYREF(pvar)) return E_POINTER;
   // The record always holds a value: one level of reference is removed first.
   xk::ScopedVariant byValue;
   // VariantCopyInd only reads its source; its declaration lacks the const.

@@ -121,5 +121,4 @@ TEST_F(StorageSizeTest, WalksAFakeStorageToItsRules) {
   EXPECT_EQ(std::vector<xktest::AssertionReport>({{"MOStorge", 60, "0"}}), capture.Assertions());
   fake.refusal = E_FAIL;
   EXPECT_EQ(-1, Stg_GetSize(fake.get()));
-  EXPECT_EQ(-1, Stg_GetSize(nullptr));
 }
