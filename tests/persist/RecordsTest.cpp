@@ -11,7 +11,6 @@
 
 #include "ComTest.h"
 #include "DebugOutput.h"
-#include "FakeUnknown.h"
 #include "HResult.h"
 #include "RecordLoaders.h"
 #include "TestStreams.h"
