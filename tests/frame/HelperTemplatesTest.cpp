@@ -5,7 +5,6 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/MORefCnt.h>
 
-#include <thread>
 #include <vector>
 
 #include "DebugOutput.h"
@@ -57,18 +56,6 @@ TYPED_TEST(RefCountTest, TheLastReleaseDestroysAfterTheHookAndAStillReferencedDe
       ElementsAre(AssertionReport{
           "MORefCnt", 630, "m_cRefs == CountClass::Count || (m_cRefs + 1) == CountClass::Count"}));
   EXPECT_EQ(1, events.finalReleases) << "destruction without release skips the hook";
-}
-
-TEST(RefCount, AtomicCountSurvivesManyThreads) {
-  Events events;
-  auto* probe = new Probe<xk::MultiThreaded>(&events);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([probe] {
-      for (int i = 0; i < 20000; ++i) probe->InternalAddRef(), probe->InternalRelease();
-    });
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(0u, probe->InternalRelease()) << "back to the creator's one reference";
 }
 
 TEST(MLLock, LocksForItsScopeReportsANullLockableAndReentersACriticalSection) {

@@ -169,7 +169,7 @@ TEST(RegisterServer, ARecordThatDoesNotResolveOrCannotBeWrittenLeavesNothing) {
   EXPECT_NE(std::optional<std::string>("Versioned"), xktest::StringValue(kRoot, ""));
 }
 
-TEST(RegisterProxyStub, CutsTheFactoryNameAndPointsTheInterfaceAtItsClassOrItself) {
+TEST(RegisterProxyStub, CutsTheFactoryNameAndPointsTheInterfaceAtItsClass) {
   KeyTreeCleanup cleanup(kRoot, {kOtherKey, kInterfaceKey, kInterfaceClassKey});
   const std::string name70 =
       "IAnInterfaceWithAVeryLongNameThatGoesOnAndOnForSeventyCharactersInAll.";
@@ -183,10 +183,6 @@ TEST(RegisterProxyStub, CutsTheFactoryNameAndPointsTheInterfaceAtItsClassOrItsel
   EXPECT_TRUE(
       RegisterProxyStub(kInterface, kOther, name70.c_str(), kServerPath, QVREGSVRF_UNREGISTER));
   Expect({{kOtherKey, nullptr, {}}, {kInterfaceKey, nullptr, {}}});
-
-  ASSERT_TRUE(RegisterProxyStub(kInterface, GUID_NULL, "IThing", kServerPath, 0));
-  Expect({{kInterfaceClassKey, nullptr, "IThing ProxyStub Factory"},
-          {kInterfaceKey + "\\ProxyStubClsid32", nullptr, GuidText(kInterface)}});
 }
 
 TEST(Registration, RefusedRecordsWriteNothingAndOneWithoutItsClassFlagIsReportedButProcessed) {

@@ -1,4 +1,4 @@
-// GUID text, class names and the reserved command-line parsers in both widths,
+// GUID text and class names in both widths,
 // as a client linked to the library sees them, against the real registry of the prefix.
 #include <gmock/gmock.h>
 #include <xkcombsd/Guids.h>
@@ -30,9 +30,6 @@ struct Narrow {
   static HRESULT ToText(char* s, REFGUID g) { return QvStringFromGUIDA(s, g); }
   static HRESULT FromText(GUID* g, const char* s) { return QvGUIDFromStringA(g, s); }
   static HRESULT ClassName(REFCLSID c, char* s, DWORD* n) { return CoReg_GetClassNameA(c, s, n); }
-  static HRESULT Parse(const char* s, IEnumString** e) {
-    return ParseCommandLineAsEnumStringA(s, e);
-  }
   static constexpr int kFromTextLine = 39, kToTextLine = 64;
   static constexpr char kSuffix = 'A';
 };
@@ -46,9 +43,6 @@ struct Wide {
   static HRESULT FromText(GUID* g, const wchar_t* s) { return QvGUIDFromStringW(g, s); }
   static HRESULT ClassName(REFCLSID c, wchar_t* s, DWORD* n) {
     return CoReg_GetClassNameW(c, s, n);
-  }
-  static HRESULT Parse(const wchar_t* s, IEnumString** e) {
-    return ParseCommandLineAsEnumStringW(s, e);
   }
   static constexpr int kFromTextLine = 31, kToTextLine = 56;
   static constexpr char kSuffix = 'W';
@@ -127,18 +121,6 @@ TYPED_TEST(GuidText, ClassNameComesWithItsTerminatorOrAsTheSizeNeeded) {
     EXPECT_EQ(15u, cch);
   }
   EXPECT_EQ(TypeParam::Text(std::string("EnumGUID Class\0", 15)) + String(17, '#'), name);
-  const GUID unknown = {
-      0x00517663, 0x0002, 0x00EF, {0x00, 0x01, 0x00, 0xC0, 0xDF, 0xE6, 0x4A, 0x64}};
-  DWORD cch = 32;
-  EXPECT_HR(HRESULT(0x80070002), TypeParam::ClassName(unknown, &name[0], &cch));
-  EXPECT_EQ(0u, cch);
-}
-
-TYPED_TEST(GuidText, CommandLineParsingIsReservedAndTouchesNothing) {
-  IEnumString* const sentinel = reinterpret_cast<IEnumString*>(0xDEADBEEF);
-  IEnumString* out = sentinel;
-  EXPECT_HR(E_NOTIMPL, TypeParam::Parse(TypeParam::Text("a b c").c_str(), &out));
-  EXPECT_EQ(sentinel, out);
 }
 
 TEST(GuidTextNarrow, ReadsNoMoreThanThirtyNineBytes) {
