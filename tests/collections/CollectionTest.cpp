@@ -1,25 +1,141 @@
-// The collection-and-enumerator contract, run over all five element kinds:
-// every call at its edges as one table row, then the shared position,
-// one identity, independent clones, growth as the task allocator sees it,
-// the creators, the traces; then a C client, eight threads, and the classes
-// made by ProgID.
+// The collection-and-enumerator contract over all five element kinds (every
+// call at its edges as one table row, identity, clones, growth, traces, eight
+// threads), a C client, and IEnumUnknown over either kind of object enumerator.
+#include <gmock/gmock.h>
+#include <xkcombsd/Collections.h>
+#include <xkcombsd/Module.h>
+
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "DebugOutput.h"
-#include "Kinds.h"
+#include "FakeUnknown.h"
+#include "HResult.h"
+#include "MallocSpy.h"
 #include "StressHarness.h"
 
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
-using xktest::FillSentinel;
-
 extern "C" HRESULT InsertAddAndReadThroughC(ISeqBSTR* seq, BSTR item, long* count, BSTR* first);
 
 namespace {
+
+using xktest::FakeUnknown;
+using xktest::MallocSpy;
+
+constexpr int kMaxItems = 40;
+
+inline BSTR ItemBstr(int i) { return SysAllocString((L"item " + std::to_wstring(i)).c_str()); }
+
+// Fills an output slot with a byte pattern no call writes, to see whether one did.
+template <class T>
+void FillSentinel(T* slot, size_t count = 1) {
+  std::memset(static_cast<void*>(slot), 0xDE, sizeof(T) * count);
+}
+template <class T>
+bool IsSentinel(const T& slot) {
+  T pattern;
+  FillSentinel(&pattern);
+  return std::memcmp(&pattern, &slot, sizeof(T)) == 0;
+}
+
+// Defaults a kind overrides: items and copies that need no freeing, no trace.
+template <class E, class In, class En, HRESULT(WINAPI* kCreate)(const In*, ULONG, En**), class S,
+          const IID* kSeq, const IID*... kOthers>
+struct KindOf {
+  using Element = E;
+  using Input = In;
+  using Seq = S;
+  using Enum = En;
+  static constexpr const IID* kAnswered[] = {kSeq, &IID_IUnknown, kOthers...};
+  static constexpr const char* kTraceName = nullptr;
+  static HRESULT Create(const In* items, ULONG n, En** e) { return kCreate(items, n, e); }
+  static void FreeItem(In&) {}
+  static void FreeCopy(E&) {}
+};
+
+struct BstrKind : KindOf<BSTR, BSTR, IEnumBSTR, EnumBSTR_Create, ISeqBSTR, &IID_ISeqBSTR,
+                         &IID_ICollBSTR, &IID_IEnumBSTR> {
+  static BSTR MakeItem(int i) { return ItemBstr(i); }
+  static void FreeItem(BSTR& item) { SysFreeString(item); }
+  static bool Copies(BSTR e, BSTR item) { return e && e != item && !std::wcscmp(e, item); }
+  static void FreeCopy(BSTR& e) { SysFreeString(e); }
+};
+
+// GUIDs answer the platform's IEnumGUID beside their own.
+struct GuidKind : KindOf<GUID, GUID, IEnumGUID, EnumGUID_Create, ISeqGUID, &IID_ISeqGUID,
+                         &IID_ICollGUID, &IID_IQvEnumGUID, &IID_IEnumGUID> {
+  static constexpr const char* kTraceName = "_EnumGUID";
+  static GUID MakeItem(int i) { return {0x10000000u + i, 0x2222, 0x3333, {0x44, BYTE(i)}}; }
+  static bool Copies(const GUID& e, const GUID& item) { return e == item; }
+};
+
+// The caller's strings need not come from the task allocator; the copies must.
+struct StringKind : KindOf<LPOLESTR, LPCOLESTR, IEnumString, EnumString_Create, ISeqString,
+                           &IID_ISeqString, &IID_ICollString, &IID_IEnumString> {
+  static LPCOLESTR MakeItem(int i) {
+    static std::wstring texts[kMaxItems];
+    return (texts[i] = L"item " + std::to_wstring(i)).c_str();
+  }
+  static bool Copies(LPOLESTR e, LPCOLESTR item) {
+    IMalloc* malloc = nullptr;
+    const bool task = SUCCEEDED(CoGetMalloc(1, &malloc)) && malloc->DidAlloc(e) == 1;
+    if (malloc) malloc->Release();
+    return task && e != item && !std::wcscmp(e, item);
+  }
+  static void FreeCopy(LPOLESTR& e) { CoTaskMemFree(e); }
+};
+
+// Shared, counted objects, held as given (never queried); each reference taken is handed back.
+struct UnknownKind : KindOf<IUnknown*, IUnknown*, IEnumUnknown, EnumUnknown_Create, ISeqUnknown,
+                            &IID_ISeqUnknown, &IID_ICollUnknown, &IID_IEnumUnknown> {
+  static constexpr const char* kTraceName = "_EnumUnknown";
+  static IUnknown* MakeItem(int i) {
+    static FakeUnknown objects[kMaxItems];
+    return &objects[i];
+  }
+  static void FreeItem(IUnknown*& item) {
+    EXPECT_EQ(1, static_cast<FakeUnknown*>(item)->refs);
+    EXPECT_EQ(0, static_cast<FakeUnknown*>(item)->queries);
+  }
+  static bool Copies(IUnknown* e, IUnknown* item) { return e == item; }
+  static void FreeCopy(IUnknown*& e) { e->Release(); }
+};
+
+// Strings inside, so that ownership of the copies shows.
+struct VariantKind : KindOf<VARIANT, VARIANT, IEnumVARIANT, EnumVARIANT_Create, ISeqVARIANT,
+                            &IID_ISeqVARIANT, &IID_ICollVARIANT, &IID_IEnumVARIANT> {
+  static constexpr const char* kTraceName = "_EnumVARIANT";
+  static VARIANT MakeItem(int i) {
+    VARIANT v{};
+    V_VT(&v) = VT_BSTR;
+    V_BSTR(&v) = ItemBstr(i);
+    return v;
+  }
+  static void FreeItem(VARIANT& item) { VariantClear(&item); }
+  static bool Copies(const VARIANT& e, const VARIANT& item) {
+    return V_VT(&e) == VT_BSTR && BstrKind::Copies(V_BSTR(&e), V_BSTR(&item));
+  }
+  static void FreeCopy(VARIANT& e) { VariantClear(&e); }
+};
+
+using AllKinds = ::testing::Types<BstrKind, GuidKind, StringKind, UnknownKind, VariantKind>;
+
+// Every test ends with nothing left on the task allocator and nothing keeping the library loaded.
+class CollectionsTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    EXPECT_EQ(0, m_spy.Outstanding()) << "task-allocator blocks left behind";
+    EXPECT_HR(S_OK, DllCanUnloadNow());
+  }
+
+  MallocSpy m_spy;
+};
 
 enum Op { kAdd, kInsertAt, kRemoveAt, kSetAt, kSetPosition, kEmpty, kNext, kNext1, kSkip };
 constexpr int kNull = -1;  // as "from": a NULL array
@@ -70,23 +186,23 @@ const Row kRows[] = {
 };
 
 template <class Kind>
-class CollectionTest : public xktest::CollectionsTest {
+class CollectionTest : public CollectionsTest {
  protected:
   using Element = typename Kind::Element;
   using Enum = typename Kind::Enum;
   using Seq = typename Kind::Seq;
 
   void SetUp() override {
-    for (int i = 0; i < xktest::kMaxItems; ++i) m_items[i] = Kind::MakeItem(i);
+    for (int i = 0; i < kMaxItems; ++i) m_items[i] = Kind::MakeItem(i);
   }
   void TearDown() override {
     for (auto& item : m_items) Kind::FreeItem(item);
     CollectionsTest::TearDown();
   }
 
-  Enum* Make(int n) {
+  Enum* Make(int n) {  // NULL with 0 makes an empty one
     Enum* e = nullptr;
-    EXPECT_HR(S_OK, Kind::Create(m_items, n, &e));
+    EXPECT_HR(S_OK, Kind::Create(n ? m_items : nullptr, n, &e));
     return e;
   }
   // The sequence face of an object; adds no reference.
@@ -105,14 +221,14 @@ class CollectionTest : public xktest::CollectionsTest {
   std::vector<int> Indices(Element* fetched, ULONG n) {
     std::vector<int> indices(n, -1);
     for (ULONG i = 0; i < n; ++i) {
-      for (int item = 0; item < xktest::kMaxItems && indices[i] < 0; ++item)
+      for (int item = 0; item < kMaxItems && indices[i] < 0; ++item)
         if (Kind::Copies(fetched[i], m_items[item])) indices[i] = item;
       Kind::FreeCopy(fetched[i]);
     }
     return indices;
   }
   std::vector<int> Fetch(Enum* e, ULONG count, HRESULT expected = S_OK) {
-    Element fetched[xktest::kMaxItems];
+    Element fetched[kMaxItems];
     ULONG n = 0;
     EXPECT_HR(expected, e->Next(count, fetched, &n));
     return Indices(fetched, n);
@@ -120,7 +236,7 @@ class CollectionTest : public xktest::CollectionsTest {
   // The items the object holds, in order; leaves it at the end.
   std::vector<int> All(Enum* e) {
     EXPECT_HR(S_OK, e->Reset());
-    return Fetch(e, xktest::kMaxItems, S_FALSE);
+    return Fetch(e, kMaxItems, S_FALSE);
   }
 
   HRESULT Apply(const Row& row, Enum* e, Seq* seq, Element* slots, ULONG* n) {
@@ -138,10 +254,10 @@ class CollectionTest : public xktest::CollectionsTest {
     return E_FAIL;
   }
 
-  typename Kind::Input m_items[xktest::kMaxItems];
+  typename Kind::Input m_items[kMaxItems];
 };
 
-TYPED_TEST_SUITE(CollectionTest, xktest::AllKinds);
+TYPED_TEST_SUITE(CollectionTest, AllKinds);
 
 TYPED_TEST(CollectionTest, EachCallLeavesTheItemsAndPositionOfItsRow) {
   xktest::DebugOutputCapture capture;
@@ -162,7 +278,7 @@ TYPED_TEST(CollectionTest, EachCallLeavesTheItemsAndPositionOfItsRow) {
     if (row.op >= kNext) {
       const auto fetched = static_cast<ULONG>(row.items.size());
       if (row.op == kNext) EXPECT_EQ(fetched, n);
-      for (ULONG i = fetched; i < 4; ++i) EXPECT_TRUE(xktest::IsSentinel(slots[i])) << i;
+      for (ULONG i = fetched; i < 4; ++i) EXPECT_TRUE(IsSentinel(slots[i])) << i;
       EXPECT_THAT(this->Indices(slots, fetched), ElementsAreArray(row.items));
     } else {
       EXPECT_THAT(this->All(e), ElementsAreArray(row.items));
@@ -224,7 +340,7 @@ TYPED_TEST(CollectionTest, OneObjectBehindEveryFaceCountedExactlyAndTraced) {
   std::vector<std::string> expected;
   if (const char* name = TypeParam::kTraceName)
     expected = {TraceLine(name, true, seq), TraceLine(name, false, seq)};
-  if (std::is_same_v<TypeParam, xktest::StringKind>) expected = {"item 0", "\n", "item 1", "\n"};
+  if (std::is_same_v<TypeParam, StringKind>) expected = {"item 0", "\n", "item 1", "\n"};
   EXPECT_THAT(capture.Lines(), ElementsAreArray(expected));
 }
 
@@ -244,18 +360,7 @@ TYPED_TEST(CollectionTest, ClonesCopyElementsAndPositionAndThenGoTheirOwnWay) {
   EXPECT_EQ(0u, e->Release());
 }
 
-TYPED_TEST(CollectionTest, CreatorMakesAnEmptyOneFromNothing) {
-  typename TypeParam::Enum* e = nullptr;
-  ASSERT_HR(S_OK, TypeParam::Create(nullptr, 0, &e)) << "NULL with 0 makes an empty one";
-  EXPECT_THAT(this->All(e), IsEmpty());
-  EXPECT_EQ(0u, e->Release());
-}
-
-// What single creators add: the string creator's echo of a NULL string, and
-// the C form of the public interfaces for BSTRs.
-using CreatorTest = xktest::CollectionsTest;
-
-TEST_F(CreatorTest, TheStringCreatorEchoesANullStringAsAnEmptyLineAndCopiesItAsNull) {
+TEST_F(CollectionsTest, TheStringCreatorEchoesANullStringAsAnEmptyLineAndCopiesItAsNull) {
   const LPCOLESTR strings[] = {L"b", nullptr};
   IEnumString* e = nullptr;
   xktest::DebugOutputCapture capture;
@@ -268,7 +373,7 @@ TEST_F(CreatorTest, TheStringCreatorEchoesANullStringAsAnEmptyLineAndCopiesItAsN
   EXPECT_EQ(0u, e->Release());
 }
 
-using BstrTest = CollectionTest<xktest::BstrKind>;
+using BstrTest = CollectionTest<BstrKind>;
 
 TEST_F(BstrTest, CClientsReachEveryMethodThroughTheVtable) {
   auto* e = Make(0);
@@ -342,27 +447,103 @@ TYPED_TEST(CollectionTest, EightThreadsLeaveExactlyTheElementsTheirTalliesImply)
   EXPECT_EQ(0u, e->Release());
 }
 
-// After regsvr32, any COM client makes the classes by ProgID through CoCreateInstance.
-std::string Regsvr32(const char* options) {
-  return std::string("regsvr32.exe ") + options + " \"" + xktest::ExecutableDirectoryA() +
-         "\\XKComBsD.dll\"";
+// A VARIANT that borrows an object: the enumerators copy it, the test never clears it.
+VARIANT Holding(IUnknown* object, VARTYPE vt = VT_UNKNOWN) {
+  VARIANT v{};
+  V_VT(&v) = vt;
+  V_UNKNOWN(&v) = object;
+  return v;
 }
+void* const kUnwritten = reinterpret_cast<void*>(0xDEADBEEF);
 
-class RegisteredClassTest : public CollectionTest<xktest::GuidKind> {
+// Every test ends with each object holding only the test's own reference.
+class AdapterTest : public CollectionsTest {
  protected:
-  static void SetUpTestSuite() { ASSERT_EQ(0u, xktest::RunToEnd(Regsvr32("/s"), 60000)); }
-  static void TearDownTestSuite() { EXPECT_EQ(0u, xktest::RunToEnd(Regsvr32("/s /u"), 60000)); }
+  void TearDown() override {
+    for (const FakeUnknown& object : m_objects) EXPECT_EQ(1, object.refs);
+    CollectionsTest::TearDown();
+  }
+  IEnumUnknown* AdapterOver(std::initializer_list<VARIANT> values) {
+    IEnumVARIANT* variants = nullptr;
+    EXPECT_HR(S_OK, EnumVARIANT_Create(values.begin(), ULONG(values.size()), &variants));
+    IEnumUnknown* adapter = nullptr;
+    EXPECT_HR(S_OK, EnumUnknown_FromUnknown(variants, &adapter));
+    EXPECT_EQ(1u, variants->Release()) << "the adapter keeps the reference its query took";
+    return adapter;
+  }
+
+  FakeUnknown m_objects[3];
 };
 
-TEST_F(RegisteredClassTest, EnumGUIDMadeByProgIDHoldsAndListsWhatItIsGiven) {
-  CLSID clsid = {};
-  ASSERT_HR(S_OK, CLSIDFromProgID(L"QuorvelSoftware.EnumGUID", &clsid));
-  IEnumGUID* e = nullptr;
-  ASSERT_HR(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IEnumGUID,
-                                   reinterpret_cast<void**>(&e)));
-  ASSERT_HR(S_OK, SeqOf(e)->Add(m_items + 3, 2));
-  EXPECT_THAT(All(e), ElementsAre(3, 4));
-  EXPECT_EQ(0u, e->Release());
+TEST_F(AdapterTest, FromUnknownPassesAnIEnumUnknownAndAdaptsAnIEnumVARIANT) {
+  IEnumUnknown *own = nullptr, *e = nullptr;
+  ASSERT_HR(S_OK, EnumUnknown_Create(nullptr, 0, &own));
+  ASSERT_HR(S_OK, EnumUnknown_FromUnknown(own, &e));
+  EXPECT_EQ(own, e);
+  EXPECT_EQ(1u, e->Release());
+  EXPECT_EQ(0u, own->Release());
+  IEnumUnknown* adapter = AdapterOver({Holding(&m_objects[0]), Holding(&m_objects[1], VT_DISPATCH),
+                                       Holding(nullptr), Holding(&m_objects[2])});
+  IUnknown* items[4];
+  FillSentinel(items, 4);
+  ULONG n = 0xDEADBEEF;
+  EXPECT_HR(S_OK, adapter->Next(3, items, &n));
+  EXPECT_EQ(3u, n);
+  EXPECT_THAT(items, ElementsAre(&m_objects[0], &m_objects[1], nullptr, items[3]));
+  EXPECT_TRUE(IsSentinel(items[3]));
+  EXPECT_EQ(3, m_objects[0].refs) << "the caller's own reference, beside the enumerator's";
+  items[0]->Release();
+  items[1]->Release();
+  IEnumUnknown* clone = nullptr;
+  ASSERT_HR(S_OK, adapter->Clone(&clone));
+  EXPECT_HR(S_FALSE, clone->Next(2, items, &n)) << "the clone starts where it was made";
+  EXPECT_EQ(1u, n);
+  EXPECT_EQ(&m_objects[2], items[0]);
+  items[0]->Release();
+  EXPECT_EQ(0u, clone->Release());
+  EXPECT_HR(S_FALSE, DllCanUnloadNow()) << "through its enumerator";
+  EXPECT_EQ(0u, adapter->Release());
+}
+
+TEST_F(AdapterTest, AVariantWithoutAnObjectIsRefusedAndTakenBack) {
+  IEnumUnknown* adapter =
+      AdapterOver({Holding(&m_objects[0]), Holding(nullptr, VT_I4), Holding(&m_objects[1])});
+  IUnknown* items[3];
+  FillSentinel(items, 3);
+  ULONG n = 0xDEADBEEF;
+  EXPECT_HR(DISP_E_BADVARTYPE, adapter->Next(3, items, &n));
+  EXPECT_EQ(3u, n) << "the count the inner enumerator reported";
+  EXPECT_THAT(items, ElementsAre(nullptr, nullptr, nullptr)) << "handed-out items are taken back";
+  EXPECT_EQ(2, m_objects[0].refs) << "only the enumerator's reference is left";
+  EXPECT_EQ(0u, adapter->Release());
+}
+
+// The same items through either enumerator.
+TEST_F(AdapterTest, QueryNextItemQueriesTheNextObjectOfEitherEnumerator) {
+  FakeUnknown stream(IID_IStream);
+  IUnknown* const objects[] = {&stream, &m_objects[0]};
+  const VARIANT variants[] = {Holding(&stream, VT_DISPATCH), Holding(&m_objects[0])};
+  for (bool overVariants : {false, true}) {
+    SCOPED_TRACE(overVariants ? "IEnumVARIANT" : "IEnumUnknown");
+    IUnknown* e = nullptr;
+    if (overVariants)
+      ASSERT_HR(S_OK, EnumVARIANT_Create(variants, 2, reinterpret_cast<IEnumVARIANT**>(&e)));
+    else
+      ASSERT_HR(S_OK, EnumUnknown_Create(objects, 2, reinterpret_cast<IEnumUnknown**>(&e)));
+    void* out = kUnwritten;
+    EXPECT_HR(S_OK, Enum_QueryNextItem(e, IID_IStream, &out));
+    EXPECT_EQ(static_cast<IUnknown*>(&stream), out);
+    EXPECT_EQ(3, stream.refs) << "the caller's, beside the enumerator's";
+    static_cast<IUnknown*>(out)->Release();
+    out = kUnwritten;
+    EXPECT_HR(E_NOINTERFACE, Enum_QueryNextItem(e, IID_IStream, &out));
+    EXPECT_EQ(nullptr, out) << "an object without the interface";
+    out = kUnwritten;
+    EXPECT_HR(S_FALSE, Enum_QueryNextItem(e, IID_IStream, &out));
+    EXPECT_EQ(kUnwritten, out) << "nothing fetched, nothing written";
+    EXPECT_EQ(0u, e->Release());
+  }
+  EXPECT_EQ(1, stream.refs);
 }
 
 }  // namespace

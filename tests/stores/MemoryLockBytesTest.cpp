@@ -1,6 +1,7 @@
 // CreateLockBytesOnMemory (and CreateStreamOnMemory, which makes its store the
 // same way): every flag rule in its order of checks, and what each kind does
-// with the caller's memory, allocator, heap and references.
+// with the caller's memory, allocator, heap and references; ISaveToFile on a
+// real file; CreateStreamOnLockBytes over a counting lock-bytes.
 #include "DebugOutput.h"
 #include "FakeMalloc.h"
 #include "StoreTestSupport.h"
@@ -93,8 +94,6 @@ class CreateLockBytesOnMemoryTest : public LeakCheckedTest {
   ILockBytes* lb = nullptr;
 };
 
-}  // namespace
-
 TEST_F(CreateLockBytesOnMemoryTest, FollowsEveryFlagRuleInItsOrder) {
   for (const FlagRule& rule : kFlagRules) {
     SCOPED_TRACE(rule.name);
@@ -165,3 +164,110 @@ TEST_F(CreateLockBytesOnMemoryTest, TakesOverACallersBlockAllocatorOrMallocAsAsk
   }
   EXPECT_EQ(0u, capture.Assertions().size()) << "a block taken over is one of the allocator's";
 }
+
+// ISaveToFile: the private heaps' stores hold "hello", the task allocator's nothing; the
+// fixed store's memory cannot be read, so it opens its file and then fails to write.
+struct Save {
+  DWORD kind;
+  const char *before, *after;  // the file's contents, nullptr for no file
+  DWORD disposition;
+  HRESULT expected;
+};
+const Save kSaves[] = {
+    {H, nullptr, "hello", CREATE_NEW, S_OK},
+    {H | QVCLBOMF_SPARE, nullptr, "hello", CREATE_NEW, S_OK},  // the size, not the buffer
+    {H, "was here", "was here", CREATE_NEW, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS)},
+    {H, nullptr, nullptr, OPEN_EXISTING, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)},
+    {QVCLBOMF_TASKALLOCATOR, "old contents", "", CREATE_ALWAYS, S_OK},
+    {QVCLBOMF_BLOCKLIST, nullptr, nullptr, CREATE_ALWAYS, E_NOTIMPL},
+    {F, nullptr, nullptr, CREATE_NEW, HRESULT_FROM_WIN32(ERROR_INVALID_USER_BUFFER)},
+};
+
+std::string Contents(const std::wstring& name) {
+  FILE* file = _wfopen(name.c_str(), L"rb");
+  char bytes[64];
+  const size_t read = file ? fread(bytes, 1, sizeof bytes, file) : 0;
+  return file ? (fclose(file), std::string(bytes, read)) : "<absent>";
+}
+
+TEST_F(CreateLockBytesOnMemoryTest, SaveToFileWritesTheBytesOrReportsWhyAndDeletesOnlyAFileItMade) {
+  wchar_t temp[MAX_PATH];
+  ASSERT_NE(0u, GetTempPathW(MAX_PATH, temp));
+  const std::wstring name = temp + (L"xkstores-" + std::to_wstring(GetCurrentProcessId()));
+  void* unreadable = VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_NOACCESS);
+  BYTE bytes[4] = {};
+  LOCKBYTESBLOCK blocks[2] = {{2, bytes}, {2, bytes + 2}};
+  for (const Save& row : kSaves) {
+    SCOPED_TRACE(&row - kSaves);
+    if (FILE* file = row.before ? _wfopen(name.c_str(), L"wb") : nullptr)
+      fputs(row.before, file), fclose(file);
+    void* pv = row.kind == F ? unreadable : row.kind == QVCLBOMF_BLOCKLIST ? blocks : nullptr;
+    ILockBytes* lb = nullptr;
+    ASSERT_HR(S_OK, CreateLockBytesOnMemory(pv, pv ? 4 : 0, row.kind, 0, &lb));
+    if ((row.kind & QVCLBOMF_TYPEMASK) == H) WriteBytes(lb, 0, {'h', 'e', 'l', 'l', 'o'});
+    ISaveToFile* saver = nullptr;
+    ASSERT_HR(S_OK, lb->QueryInterface(IID_ISaveToFile, reinterpret_cast<void**>(&saver)));
+    EXPECT_HR(row.expected, saver->SaveToFile(name.c_str(), row.disposition, 0));
+    EXPECT_EQ(1u, saver->Release());
+    EXPECT_EQ(0u, lb->Release());
+    EXPECT_EQ(row.after ? row.after : "<absent>", Contents(name));
+    DeleteFileW(name.c_str());
+  }
+  VirtualFree(unreadable, 0, MEM_RELEASE);
+}
+
+// Says it does not lock, fails every flush (which the stream must not care
+// about) and fails transfers, SetSize and Stat.
+constexpr HRESULT kFailure = STG_E_ACCESSDENIED;
+
+class CountingLockBytes : public ILockBytes {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
+    *ppv = iid == IID_IUnknown || iid == IID_ILockBytes ? this : nullptr;
+    return *ppv ? AddRef(), S_OK : E_NOINTERFACE;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++refs; }
+  STDMETHODIMP_(ULONG) Release() override { return --refs; }
+  STDMETHODIMP ReadAt(ULARGE_INTEGER, void*, ULONG, ULONG* n) override { return *n = 0, kFailure; }
+  STDMETHODIMP WriteAt(ULARGE_INTEGER, const void*, ULONG, ULONG* n) override {
+    return *n = 0, kFailure;
+  }
+  STDMETHODIMP Flush() override { return ++flushes, E_FAIL; }
+  STDMETHODIMP SetSize(ULARGE_INTEGER) override { return kFailure; }
+  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+  STDMETHODIMP Stat(STATSTG* stat, DWORD) override { return *stat = STATSTG{}, kFailure; }
+
+  ULONG refs = 1, flushes = 0;
+};
+
+// Each stream flushes once at its own last release, and Commit unless only to
+// the disk cache; it locks as the caller's flags say, whatever the lock-bytes can do.
+TEST_F(CreateLockBytesOnMemoryTest,
+       StreamOnLockBytesFlushesAtLastReleaseAndOnCommitAndPassesFailuresBack) {
+  CountingLockBytes lb;
+  IStream *stream = nullptr, *clone = nullptr;
+  ASSERT_HR(S_OK, CreateStreamOnLockBytes(&lb, 0, &stream));
+  EXPECT_EQ(3u, ThreadingModelOf(stream));
+  BYTE bytes[4];
+  ULONG read = kSentinel, written = kSentinel;
+  EXPECT_HR(kFailure, stream->Read(bytes, 4, &read));
+  EXPECT_HR(kFailure, stream->Write(bytes, 4, &written));
+  EXPECT_HR(kFailure, stream->SetSize(U(100)));
+  EXPECT_EQ(0u, read + written);
+  EXPECT_HR(S_OK, stream->Commit(STGC_DANGEROUSLYCOMMITMERELYTODISKCACHE));
+  EXPECT_EQ(0u, lb.flushes);
+  EXPECT_HR(S_OK, stream->Commit(STGC_DEFAULT)) << "the flush's own failure is ignored";
+  ASSERT_HR(S_OK, stream->Clone(&clone));
+  EXPECT_EQ(1u, lb.flushes);
+  EXPECT_EQ(0u, stream->Release());
+  EXPECT_EQ(2u, lb.flushes);
+  EXPECT_EQ(0u, clone->Release());
+  EXPECT_EQ(3u, lb.flushes) << "the clone flushes at its own last release";
+  ASSERT_HR(S_OK, CreateStreamOnLockBytes(&lb, QVCLBOMF_NOLOCK, &stream));
+  EXPECT_EQ(0u, ThreadingModelOf(stream));
+  EXPECT_EQ(0u, stream->Release());
+  EXPECT_EQ(1u, lb.refs);
+}
+
+}  // namespace
