@@ -1,7 +1,6 @@
-// The type library the DLL carries, read back from the built DLL by the
-// platform's reader, as an automation client or type browser reads it: every
-// type, method, parameter and class rendered as one line of text and compared
-// with what the library documents, and no custom data anywhere.
+// The DLL's type library as the platform's reader gives it to a client: every
+// type, method, parameter and class as a line of the documented listing, none
+// with custom data.
 #include <gtest/gtest.h>
 #include <objbase.h>
 #include <oleauto.h>

@@ -1,8 +1,6 @@
-// The GUID collections' own proxy/stub pair: every method's request and reply
-// bytes, carried by a recording channel from the library's proxies to its stubs
-// over a real EnumGUID; then for real between two apartments. The library is
-// registered in the prefix (DllRegisterServer) while the program runs and
-// unregistered at its end, so that the registry is left as it was found.
+// The GUID collections' own proxy/stub pair, through a recording channel and
+// between two apartments. The library is registered only while the program
+// runs, so that the prefix's registry is left as it was found.
 #include <gmock/gmock.h>
 #include <xkcombsd/Collections.h>
 
@@ -304,8 +302,6 @@ TEST_F(PairTest, ConnectsOnceAndWithoutAPeerAnswersNotConnected) {
   EXPECT_HR(CO_E_OBJNOTCONNECTED, Seq()->Empty());
   EXPECT_HR(CO_E_OBJNOTCONNECTED, Invoke(0, 5, Msg()));
 }
-
-// ---- Between apartments -----------------------------------------------------
 
 // An IEnumGUID without ISeqGUID, so that its clones must travel by reference.
 struct EnumOnly : IEnumGUID {

@@ -1,9 +1,7 @@
-// Memory running out at every allocation of the main paths in turn: each path
-// runs with its 1st, 2nd, 3rd ... allocation failing (task memory, BSTRs, and
-// the library's own global and heap memory on one count) until a run needs no
-// more. Every failed run must answer out of memory, hand nothing out, leave a
-// store or a collection as it was and leave nothing behind; the run that fails
-// nothing must be right.
+// Each main path run with its 1st, 2nd, 3rd ... allocation failing (task memory,
+// BSTRs, the library's global and heap memory on one count) until one needs no
+// more: a failed run answers out of memory, hands nothing out, changes nothing
+// and leaves nothing behind; the run that fails nothing must be right.
 #include <xkcombsd/Collections.h>
 #include <xkcombsd/ScopedValue.h>
 #include <xkcombsd/Stores.h>
@@ -289,7 +287,6 @@ TEST_P(OutOfMemory, EveryFailingAllocationIsAnsweredCleanly) {
   std::printf("%s: %lu allocations\n", GetParam().name, nth - 2);
 }
 
-// Rows are named as tests are.
 INSTANTIATE_TEST_SUITE_P(MainPaths, OutOfMemory, testing::ValuesIn(kRows),
                          [](const auto& info) { return std::string(info.param.name); });
 
