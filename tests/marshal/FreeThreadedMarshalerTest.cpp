@@ -6,6 +6,7 @@
 #include <xkcombsd/Module.h>
 
 #include <functional>
+#include <tuple>
 
 #include "ComTest.h"
 #include "DebugOutput.h"
@@ -61,32 +62,23 @@ class FreeThreadedMarshalerTest : public xktest::ComTest<> {
 };
 
 TEST_F(FreeThreadedMarshalerTest, CreationRulesAndInterfaces) {
-  const struct {
-    const CLSID* clsid;
-    IUnknown* outer;
-    const IID* iid;
-    HRESULT expected;
-  } creations[] = {{&CLSID_QvFreeThreadedMarshaler, nullptr, &IID_IUnknown, E_POINTER},
-                   {&CLSID_QvFreeThreadedMarshaler, &outer, &IID_IMarshal, CLASS_E_NOAGGREGATION},
-                   {&CLSID_QvFreeThreadedUnmarshaler, &outer, &IID_IUnknown, CLASS_E_NOAGGREGATION},
-                   {&CLSID_QvFreeThreadedUnmarshaler, nullptr, &IID_IStream, E_NOINTERFACE}};
-  for (const auto& row : creations) {
+  const IID* const kUnknown = &IID_IUnknown;
+  for (auto [clsid, aggregate, iid, expected] :
+       {std::tuple{&CLSID_QvFreeThreadedMarshaler, false, kUnknown, E_POINTER},
+        {&CLSID_QvFreeThreadedMarshaler, true, &IID_IMarshal, CLASS_E_NOAGGREGATION},
+        {&CLSID_QvFreeThreadedUnmarshaler, true, kUnknown, CLASS_E_NOAGGREGATION},
+        {&CLSID_QvFreeThreadedUnmarshaler, false, &IID_IStream, E_NOINTERFACE}}) {
     void* out = &outer;
-    EXPECT_HR(row.expected, Create(*row.clsid, row.outer, *row.iid, &out));
+    EXPECT_HR(expected, Create(*clsid, aggregate ? &outer : nullptr, *iid, &out));
     EXPECT_EQ(nullptr, out);
   }
-  const struct {
-    IUnknown* on;
-    const IID* iid;
-    void* answer;
-  } queries[] = {{inner, &IID_IUnknown, inner},
-                 {inner, &IID_IStream, nullptr},
-                 {ftm, &IID_IUnknown, &outer},
-                 {ftp, &IID_IStream, nullptr}};
-  for (const auto& row : queries) {
+  for (auto [on, iid, answer] : {std::tuple<IUnknown*, const IID*, void*>{inner, kUnknown, inner},
+                                 {inner, &IID_IStream, nullptr},
+                                 {ftm, kUnknown, &outer},
+                                 {ftp, &IID_IStream, nullptr}}) {
     void* out = this;
-    EXPECT_HR(row.answer ? S_OK : E_NOINTERFACE, row.on->QueryInterface(*row.iid, &out));
-    EXPECT_EQ(row.answer, out);
+    EXPECT_HR(answer ? S_OK : E_NOINTERFACE, on->QueryInterface(*iid, &out));
+    EXPECT_EQ(answer, out);
     if (out) static_cast<IUnknown*>(out)->Release();
   }
   EXPECT_EQ(1, outer.queries) << "only through the IMarshal face";

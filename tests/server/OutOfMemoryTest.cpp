@@ -1,13 +1,11 @@
-// Memory running out at every allocation of the main paths in turn: each path
-// runs with its 1st, 2nd, 3rd ... allocation failing (task memory, BSTRs, and
-// the library's own global and heap memory on one count) until a run needs no
-// more. Every failed run must answer out of memory, hand nothing out, leave a
-// store or a collection as it was and leave nothing behind; the run that fails
-// nothing must be right.
+// Each main path run with its 1st, 2nd, 3rd ... allocation failing (task memory,
+// BSTRs, the library's global and heap memory on one count) until one needs no
+// more: a failed run answers out of memory, hands nothing out, changes nothing
+// and leaves nothing behind; the run that fails nothing must be right.
 #include <xkcombsd/Collections.h>
+#include <xkcombsd/ScopedValue.h>
 #include <xkcombsd/Stores.h>
 
-#include <cctype>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -56,15 +54,18 @@ HRESULT ByClass(Attempt& run) {
   });
 }
 
-HRESULT Store(Attempt& run, DWORD flags, void* pv = nullptr, ULONG si = 64) {
-  return Made<ILockBytes>(
-      run, [&](ILockBytes** out) { return CreateLockBytesOnMemory(pv, si, flags, 0, out); });
-}
-
-HRESULT Blocks(Attempt& run) {
-  char first[16], second[16];
-  LOCKBYTESBLOCK blocks[] = {{16, first}, {16, second}};
-  return Store(run, QVCLBOMF_BLOCKLIST, blocks, 2);
+// A fixed block or a list of two blocks when the flags say so.
+template <DWORD kFlags>
+HRESULT Store(Attempt& run) {
+  char block[64];
+  LOCKBYTESBLOCK blocks[] = {{16, block}, {16, block + 16}};
+  const bool list = kFlags == QVCLBOMF_BLOCKLIST;
+  void* const pv = list                            ? static_cast<void*>(blocks)
+                   : kFlags == QVCLBOMF_FIXEDBLOCK ? block
+                                                   : nullptr;
+  return Made<ILockBytes>(run, [&](ILockBytes** out) {
+    return CreateLockBytesOnMemory(pv, list ? 2 : 64, kFlags, 0, out);
+  });
 }
 
 const Bytes kOld(16, 'o');
@@ -76,34 +77,24 @@ ILockBytes* OldStore(DWORD flags) {
   return store;
 }
 
-// A failed growth leaves the old size and bytes; a success has the new size.
-HRESULT Unchanged(HRESULT hr, ILockBytes* store, ULONGLONG grown) {
+// A failed growth leaves the old size and bytes and reports nothing written; a
+// success has the new size.
+template <DWORD kFlags, bool kWrite>
+HRESULT Grows(Attempt& run) {
+  ComRef<ILockBytes> store(OldStore(kFlags));
+  const Bytes data(3000, 'n');
+  ULONG written = kWrite;  // a size set writes nothing
+  run.Arm();
+  const HRESULT hr = kWrite ? store->WriteAt({{5000, 0}}, data.data(), 3000, &written)
+                            : store->SetSize({{9000, 0}});
+  run.Disarm();
   STATSTG stat = {};
   store->Stat(&stat, STATFLAG_NONAME);
   Bytes bytes(16);
   store->ReadAt({}, bytes.data(), 16, nullptr);
-  const bool right = bytes == kOld && stat.cbSize.QuadPart == (FAILED(hr) ? 16 : grown);
+  const ULONGLONG size = FAILED(hr) ? 16 : kWrite ? 8000 : 9000;
+  const bool right = bytes == kOld && stat.cbSize.QuadPart == size && (SUCCEEDED(hr) || !written);
   return right ? hr : kBrokenOutput;
-}
-
-template <DWORD kFlags>
-HRESULT WritePastEnd(Attempt& run) {
-  ComRef<ILockBytes> store(OldStore(kFlags));
-  const Bytes data(3000, 'n');
-  ULONG written = 1;
-  run.Arm();
-  const HRESULT hr = store->WriteAt({{5000, 0}}, data.data(), 3000, &written);
-  run.Disarm();
-  return FAILED(hr) && written ? kBrokenOutput : Unchanged(hr, store.get(), 8000);
-}
-
-template <DWORD kFlags>
-HRESULT SetSize(Attempt& run) {
-  ComRef<ILockBytes> store(OldStore(kFlags));
-  run.Arm();
-  const HRESULT hr = store->SetSize({{9000, 0}});
-  run.Disarm();
-  return Unchanged(hr, store.get(), 9000);
 }
 
 // Adds one at a time until the storage has had to grow more than once; a
@@ -158,79 +149,74 @@ struct Row {
 
 const GUID kGuids[] = {IID_IUnknown, IID_IDispatch};
 
+template <class E, class Item, size_t N>
+HRESULT Creating(Attempt& r, HRESULT(XKAPI* create)(const Item*, ULONG, E**),
+                 const Item (&items)[N]) {
+  return Made<E>(r, [&](E** e) { return create(items, N, e); });
+}
+
+// A row whose path is one call handing out a T through `out`.
+#define MADE(T, ...) [](Attempt& r) { return Made<T>(r, [&](T** out) { return __VA_ARGS__; }); }
+#define CLASS(name, ...) \
+  { "class_" #name, ByClass<&CLSID_Qv##name, ##__VA_ARGS__> }
+#define LOADING(name, loader, ...)                                   \
+  {                                                                  \
+    name, [](Attempt& r) { return Loading(r, __VA_ARGS__, loader); } \
+  }
+
 const Row kRows[] = {
     // Creating each class, through its creator and through its class object
     {"EnumBSTR_Create",
      [](Attempt& r) {
-       BSTR items[] = {SysAllocString(L"a"), SysAllocString(L"bc")};
-       const HRESULT hr =
-           Made<IEnumBSTR>(r, [&](IEnumBSTR** e) { return EnumBSTR_Create(items, 2, e); });
-       for (BSTR item : items) SysFreeString(item);
-       return hr;
+       xk::ScopedBstr a(SysAllocString(L"a")), bc(SysAllocString(L"bc"));
+       const BSTR items[] = {a.get(), bc.get()};
+       return Creating(r, EnumBSTR_Create, items);
      }},
-    {"EnumGUID_Create",
-     [](Attempt& r) {
-       return Made<IEnumGUID>(r, [](IEnumGUID** e) { return EnumGUID_Create(kGuids, 2, e); });
-     }},
+    {"EnumGUID_Create", [](Attempt& r) { return Creating(r, EnumGUID_Create, kGuids); }},
     {"EnumString_Create",
      [](Attempt& r) {
        const LPCOLESTR items[] = {L"a", L"bc"};
-       return Made<IEnumString>(r, [&](IEnumString** e) { return EnumString_Create(items, 2, e); });
+       return Creating(r, EnumString_Create, items);
      }},
     {"EnumUnknown_Create",
      [](Attempt& r) {
        FakeUnknown item;
-       IUnknown* items[] = {&item, &item};
-       const HRESULT hr =
-           Made<IEnumUnknown>(r, [&](IEnumUnknown** e) { return EnumUnknown_Create(items, 2, e); });
+       IUnknown* const items[] = {&item, &item};
+       const HRESULT hr = Creating(r, EnumUnknown_Create, items);
        return item.refs == 1 ? hr : kBrokenOutput;
      }},
     {"EnumVARIANT_Create",
      [](Attempt& r) {
-       VARIANT items[2] = {};
-       VARIANT_InitBSTRW(&items[0], L"abc");
-       const HRESULT hr =
-           Made<IEnumVARIANT>(r, [&](IEnumVARIANT** e) { return EnumVARIANT_Create(items, 2, e); });
-       VariantClear(&items[0]);
-       return hr;
+       xk::ScopedVariant abc;
+       VARIANT_InitBSTRW(abc.put(), L"abc");
+       const VARIANT items[] = {abc.get(), VARIANT{}};
+       return Creating(r, EnumVARIANT_Create, items);
      }},
-    {"EnumUnknown_FromUnknown over VARIANTs",
+    {"EnumUnknown_FromUnknown_over_VARIANTs",
      [](Attempt& r) {
        ComRef<IEnumVARIANT> variants;
        EnumVARIANT_Create(nullptr, 0, variants.put());
        return Made<IEnumUnknown>(
            r, [&](IEnumUnknown** e) { return EnumUnknown_FromUnknown(variants.get(), e); });
      }},
-    {"class EnumBSTR", ByClass<&CLSID_QvEnumBSTR>},
-    {"class EnumGUID", ByClass<&CLSID_QvEnumGUID>},
-    {"class EnumString", ByClass<&CLSID_QvEnumString>},
-    {"class EnumUnknown", ByClass<&CLSID_QvEnumUnknown>},
-    {"class EnumVARIANT", ByClass<&CLSID_QvEnumVARIANT>},
-    {"class PropertyBag", ByClass<&CLSID_QvPropertyBag>},
-    {"class PropertyBag_ST", ByClass<&CLSID_QvPropertyBag_ST>},
-    {"class FreeThreadedUnmarshaler", ByClass<&CLSID_QvFreeThreadedUnmarshaler>},
-    {"class FreeThreadedMarshaler", ByClass<&CLSID_QvFreeThreadedMarshaler, true>},
-    {"PropertyBag_LoadFromStream without a stream",
-     [](Attempt& r) {
-       return Made<IPropertyBag>(
-           r, [](IPropertyBag** bag) { return PropertyBag_LoadFromStream(nullptr, bag); });
-     }},
-    {"memory store, task allocator", [](Attempt& r) { return Store(r, QVCLBOMF_TASKALLOCATOR); }},
-    {"memory store, task allocator, unlocked",
-     [](Attempt& r) { return Store(r, QVCLBOMF_TASKALLOCATOR | QVCLBOMF_NOLOCK); }},
-    {"memory store, private heap", [](Attempt& r) { return Store(r, QVCLBOMF_PRIVATEHEAP); }},
-    {"memory store, fixed block",
-     [](Attempt& r) {
-       char block[64];
-       return Store(r, QVCLBOMF_FIXEDBLOCK, block);
-     }},
-    {"memory store, block list", Blocks},
+    CLASS(EnumBSTR),
+    CLASS(EnumGUID),
+    CLASS(EnumString),
+    CLASS(EnumUnknown),
+    CLASS(EnumVARIANT),
+    CLASS(PropertyBag),
+    CLASS(PropertyBag_ST),
+    CLASS(FreeThreadedUnmarshaler),
+    CLASS(FreeThreadedMarshaler, true),
+    {"PropertyBag_LoadFromStream_without_a_stream",
+     MADE(IPropertyBag, PropertyBag_LoadFromStream(nullptr, out))},
+    {"memory_store__task_allocator", Store<QVCLBOMF_TASKALLOCATOR>},
+    {"memory_store__task_allocator__unlocked", Store<QVCLBOMF_TASKALLOCATOR | QVCLBOMF_NOLOCK>},
+    {"memory_store__private_heap", Store<QVCLBOMF_PRIVATEHEAP>},
+    {"memory_store__fixed_block", Store<QVCLBOMF_FIXEDBLOCK>},
+    {"memory_store__block_list", Store<QVCLBOMF_BLOCKLIST>},
     {"CreateStreamOnMemory",
-     [](Attempt& r) {
-       return Made<IStream>(r, [](IStream** s) {
-         return CreateStreamOnMemory(nullptr, 0, QVCLBOMF_TASKALLOCATOR, 0, s);
-       });
-     }},
+     MADE(IStream, CreateStreamOnMemory(nullptr, 0, QVCLBOMF_TASKALLOCATOR, 0, out))},
     {"CreateStreamOnLockBytes",
      [](Attempt& r) {
        ComRef<ILockBytes> store(OldStore(QVCLBOMF_TASKALLOCATOR));
@@ -238,52 +224,39 @@ const Row kRows[] = {
            r, [&](IStream** s) { return CreateStreamOnLockBytes(store.get(), 0, s); });
      }},
     {"CreateLockBytesOnRegKey",
-     [](Attempt& r) {
-       return Made<ILockBytes>(r, [](ILockBytes** store) {
-         return CreateLockBytesOnRegKey(HKEY_CURRENT_USER, L"Software", 4096, store);
-       });
-     }},
+     MADE(ILockBytes, CreateLockBytesOnRegKey(HKEY_CURRENT_USER, L"Software", 4096, out))},
     // Growing stores and collections
-    {"task store written past its end", WritePastEnd<QVCLBOMF_TASKALLOCATOR>, STG_E_MEDIUMFULL},
-    {"heap store written past its end", WritePastEnd<QVCLBOMF_PRIVATEHEAP>, STG_E_MEDIUMFULL},
-    {"spare task store written past its end", WritePastEnd<QVCLBOMF_TASKALLOCATOR | QVCLBOMF_SPARE>,
+    {"task_store_written_past_its_end", Grows<QVCLBOMF_TASKALLOCATOR, true>, STG_E_MEDIUMFULL},
+    {"heap_store_written_past_its_end", Grows<QVCLBOMF_PRIVATEHEAP, true>, STG_E_MEDIUMFULL},
+    {"spare_task_store_written_past_its_end", Grows<QVCLBOMF_TASKALLOCATOR | QVCLBOMF_SPARE, true>,
      STG_E_MEDIUMFULL},
-    {"task store SetSize", SetSize<QVCLBOMF_TASKALLOCATOR>, STG_E_MEDIUMFULL},
-    {"heap store SetSize", SetSize<QVCLBOMF_PRIVATEHEAP | QVCLBOMF_NOLOCK>, STG_E_MEDIUMFULL},
-    {"BSTR collection Add",
+    {"task_store_SetSize", Grows<QVCLBOMF_TASKALLOCATOR, false>, STG_E_MEDIUMFULL},
+    {"heap_store_SetSize", Grows<QVCLBOMF_PRIVATEHEAP | QVCLBOMF_NOLOCK, false>, STG_E_MEDIUMFULL},
+    {"BSTR_collection_Add",
      [](Attempt& r) {
-       BSTR item = SysAllocString(L"abc");
-       const HRESULT hr = Adds<ISeqBSTR>(r, EnumBSTR_Create, IID_ISeqBSTR, item);
-       SysFreeString(item);
-       return hr;
+       xk::ScopedBstr item(SysAllocString(L"abc"));
+       return Adds<ISeqBSTR>(r, EnumBSTR_Create, IID_ISeqBSTR, item.get());
      }},
-    {"GUID collection Add",
+    {"GUID_collection_Add",
      [](Attempt& r) { return Adds<ISeqGUID>(r, EnumGUID_Create, IID_ISeqGUID, kGuids[0]); }},
-    {"VARIANT collection Add",
+    {"VARIANT_collection_Add",
      [](Attempt& r) {
-       VARIANT item;
-       VARIANT_InitBSTRW(&item, L"abc");
-       const HRESULT hr = Adds<ISeqVARIANT>(r, EnumVARIANT_Create, IID_ISeqVARIANT, item);
-       VariantClear(&item);
-       return hr;
+       xk::ScopedVariant item;
+       VARIANT_InitBSTRW(item.put(), L"abc");
+       return Adds<ISeqVARIANT>(r, EnumVARIANT_Create, IID_ISeqVARIANT, item.get());
      }},
     // Loading records and bags the library wrote
-    {"BSTR record", [](Attempt& r) { return Loading(r, BstrSeed("a\0b\0c\0", 6), kBstr); }},
-    {"OLE string record", [](Attempt& r) { return Loading(r, BstrSeed("a\0b\0c\0", 6), kOle); }},
-    {"VARIANT BSTR record", [](Attempt& r) { return Loading(r, VariantSeed(VT_BSTR), kVariant); }},
-    {"VARIANT BSTR by reference record",
-     [](Attempt& r) { return Loading(r, VariantSeed(VT_BYREF | VT_BSTR), kVariant); }},
-    {"VARIANT bag record",
-     [](Attempt& r) {
-       const Seed head{Bytes{VT_UNKNOWN, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {}};
-       return Loading(r, Cat(head, ObjectSeed(CLSID_QvPropertyBag_ST, BagData())), kVariant);
-     }},
-    {"property record",
-     [](Attempt& r) { return Loading(r, PropertySeed(L"n", VT_BSTR), kProperty); }},
-    {"bag data into a bag", IntoBag<false>},
-    {"bag record loaded",
-     [](Attempt& r) { return Loading(r, ObjectSeed(CLSID_QvPropertyBag, BagData()), kLoadBag); }},
-    {"bag record into a bag", IntoBag<true>},
+    LOADING("BSTR_record", kBstr, BstrSeed("a\0b\0c\0", 6)),
+    LOADING("OLE_string_record", kOle, BstrSeed("a\0b\0c\0", 6)),
+    LOADING("VARIANT_BSTR_record", kVariant, VariantSeed(VT_BSTR)),
+    LOADING("VARIANT_BSTR_by_reference_record", kVariant, VariantSeed(VT_BYREF | VT_BSTR)),
+    LOADING("VARIANT_bag_record", kVariant,
+            Cat(Seed{Bytes{VT_UNKNOWN, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {}},
+                ObjectSeed(CLSID_QvPropertyBag_ST, BagData()))),
+    LOADING("property_record", kProperty, PropertySeed(L"n", VT_BSTR)),
+    {"bag_data_into_a_bag", IntoBag<false>},
+    LOADING("bag_record_loaded", kLoadBag, ObjectSeed(CLSID_QvPropertyBag, BagData())),
+    {"bag_record_into_a_bag", IntoBag<true>},
 };
 
 class OutOfMemory : public ComTest<COINIT_MULTITHREADED>,
@@ -315,11 +288,6 @@ TEST_P(OutOfMemory, EveryFailingAllocationIsAnsweredCleanly) {
 }
 
 INSTANTIATE_TEST_SUITE_P(MainPaths, OutOfMemory, testing::ValuesIn(kRows),
-                         [](const testing::TestParamInfo<Row>& info) {
-                           std::string name = info.param.name;
-                           for (char& c : name)
-                             if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                           return name;
-                         });
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

