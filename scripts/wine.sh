@@ -28,7 +28,19 @@ case $action in
     wine wineboot </dev/null >/dev/null 2>&1
     ;;
   run)
-    exec wine "$@"
+    # Now and then Wine fails to start a program at all: it fails at once having
+    # printed nothing. Such a start is tried once more; a program that printed
+    # anything, or succeeded, keeps its own result.
+    printed=$(mktemp)
+    trap 'rm -f "$printed"' EXIT
+    for attempt in 1 2; do
+      set +e
+      wine "$@" 2>&1 | tee "$printed"
+      status=${PIPESTATUS[0]}
+      set -e
+      if [[ $status == 0 || -s $printed || $attempt == 2 ]]; then exit "$status"; fi
+      echo "wine.sh: $1 printed nothing (exit $status); starting it again" >&2
+    done
     ;;
   stop)
     wineserver -k 2>/dev/null || true
