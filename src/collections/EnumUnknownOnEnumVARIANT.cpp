@@ -12,6 +12,7 @@
 #include <xkcombsd/ScopedValue.h>
 
 #include "collections/EnumKinds.h"
+#include "frame/HandOut.h"
 
 namespace xk::collections {
 namespace {
@@ -84,14 +85,7 @@ class EnumUnknownOnEnumVARIANT : public IEnumUnknown, public MORefCnt<SingleThre
   }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (iid != IID_IUnknown && iid != IID_IEnumUnknown) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = static_cast<IEnumUnknown*>(this);
-    AddRef();
-    return S_OK;
+    return xk::QueryFace(static_cast<IEnumUnknown*>(this), iid, ppv, IID_IEnumUnknown);
   }
   STDMETHODIMP_(ULONG) AddRef() override { return InternalAddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return InternalRelease(); }

@@ -20,6 +20,20 @@ HRESULT HandOut(Object* created, REFIID riid, void** ppv, HRESULT initialised = 
   return hr;
 }
 
+// QueryInterface of an object with a single face: IUnknown, the face's own
+// interface and, where the face extends one, that base all answer with it.
+template <class Face>
+HRESULT QueryFace(Face* face, REFIID iid, void** ppv, REFIID own, REFIID base = IID_IUnknown) {
+  if (!ppv) return E_POINTER;
+  if (iid != IID_IUnknown && iid != own && iid != base) {
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  }
+  *ppv = face;
+  face->AddRef();
+  return S_OK;
+}
+
 // A REFIID is a pointer underneath, and a caller of a creation function may
 // pass none; the laundering keeps the compiler from assuming it cannot.
 inline bool IsMissing(REFIID riid) {

@@ -31,14 +31,7 @@ class FreeThreadedUnmarshaler final : public IMarshal, public MORefCnt<MultiThre
   }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (iid != IID_IUnknown && iid != IID_IMarshal) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = static_cast<IMarshal*>(this);
-    AddRef();
-    return S_OK;
+    return xk::QueryFace(static_cast<IMarshal*>(this), iid, ppv, IID_IMarshal);
   }
   STDMETHODIMP_(ULONG) AddRef() override { return InternalAddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return InternalRelease(); }

@@ -19,6 +19,7 @@
 #include <xkcombsd/MLRelItf.h>
 #include <xkcombsd/MORefCnt.h>
 
+#include "frame/HandOut.h"
 #include "frame/RuntimePrimitives.h"
 #include "marshal/MOStmFix.h"
 
@@ -229,14 +230,7 @@ class StubBase : public IRpcStubBuffer, public MORefCnt<MultiThreaded> {
 
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (iid != IID_IUnknown && iid != IID_IRpcStubBuffer) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = static_cast<IRpcStubBuffer*>(this);
-    AddRef();
-    return S_OK;
+    return xk::QueryFace(static_cast<IRpcStubBuffer*>(this), iid, ppv, IID_IRpcStubBuffer);
   }
   STDMETHODIMP_(ULONG) AddRef() override { return InternalAddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return InternalRelease(); }

@@ -12,6 +12,7 @@
 #include <objbase.h>
 #include <xkcombsd/XKAssert.h>
 
+#include "frame/HandOut.h"
 #include "frame/RuntimePrimitives.h"
 
 namespace xk::marshal {
@@ -26,14 +27,7 @@ class FixedMemoryStream final : public IStream {
 
   // ---- IUnknown
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (iid != IID_IUnknown && iid != IID_ISequentialStream && iid != IID_IStream) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = static_cast<IStream*>(this);
-    AddRef();
-    return S_OK;
+    return xk::QueryFace(static_cast<IStream*>(this), iid, ppv, IID_IStream, IID_ISequentialStream);
   }
   STDMETHODIMP_(ULONG) AddRef() override { return ++m_refs; }
   STDMETHODIMP_(ULONG) Release() override { return --m_refs; }  // the stack owns the memory

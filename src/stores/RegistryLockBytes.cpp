@@ -73,14 +73,7 @@ class RegistryLockBytes final : public LockBytesWithoutRegions, public StoreCore
   }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (iid != IID_IUnknown && iid != IID_ILockBytes) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = static_cast<ILockBytes*>(this);
-    AddRef();
-    return S_OK;
+    return xk::QueryFace(static_cast<ILockBytes*>(this), iid, ppv, IID_ILockBytes);
   }
   STDMETHODIMP_(ULONG) AddRef() override { return this->InternalAddRef(); }
   STDMETHODIMP_(ULONG) Release() override { return this->InternalRelease(); }
