@@ -260,9 +260,9 @@ TEST_F(PairTest, MutatedRepliesAndRequestsAnswerACodeAndLeakNothing) {
       {Msg().U32(S_OK).U32(4), {4, 8}, count},
   };
   const std::tuple<Msg, std::vector<size_t>, int, ULONG> requests[] = {
-      {Msg().U32(5), {4}, 0, 3},  {Msg().U32(1), {4}, 0, 4},
-      {Msg(1), {}, 0, 6},         {Msg().U32(2).Guids(0, 2), {4}, 1, 9},
-      {Msg().U32(1), {4}, 1, 13},
+      {Msg().U32(5), {4}, 0, 3}, {Msg().U32(1), {4}, 0, 4},
+      {Msg(1), {}, 0, 6},        {Msg().U32(2).Guids(0, 2), {4}, 1, 4},
+      {Msg().U32(1), {4}, 1, 8},
   };
   const ULONG serverRefs = (server->AddRef(), server->Release());
   unsigned failures = 0;
